@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+#include <sys/types.h>
+
+namespace qwk {
+
+/// Owner of one descriptor, or of none (-1): closes it exactly once.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+    ~FileDescriptor() { reset(); }
+
+    FileDescriptor(FileDescriptor&& other) noexcept : descriptor_(other.release()) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+    int get() const { return descriptor_; }
+    bool isOpen() const { return descriptor_ >= 0; }
+
+    /// Gives the descriptor away; the caller closes it.
+    int release();
+    void reset();
+
+private:
+    int descriptor_ = -1;
+};
+
+/// Calls a system call again for as long as a signal interrupts it.
+template<typename Call>
+auto retryOnInterrupt(Call call) -> decltype(call()) {
+    for (;;) {
+        const auto result = call();
+        if (result >= 0 || errno != EINTR)
+            return result;
+    }
+}
+
+/// Opens a file read-only and close-on-exec.
+FileDescriptor openForReading(const char* path);
+
+/// Reads up to `length` bytes; 0 at the end of the file, -1 on failure (errno tells).
+ssize_t readSome(int descriptor, void* buffer, std::size_t length);
+
+} // namespace qwk
