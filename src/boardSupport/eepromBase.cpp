@@ -1,0 +1,152 @@
+#include "boardSupport/eepromBase.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <linux/i2c-dev.h>
+#include <new>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "support/diagnostics.h"
+
+namespace boardSupport {
+
+namespace {
+
+constexpr std::uint32_t addressBytes = 2;
+constexpr std::uint32_t maxTransfer = 4096;
+constexpr std::uint32_t maxChunk = maxTransfer - addressBytes;
+constexpr std::uint16_t defaultDumpLength = 1024;
+constexpr std::uint32_t dumpLineBytes = 16;
+
+// Memory addresses go over the wire high byte first.
+void putAddress(std::uint8_t* bytes, std::uint32_t address) {
+    bytes[0] = static_cast<std::uint8_t>(address >> 8);
+    bytes[1] = static_cast<std::uint8_t>(address);
+}
+
+bool isPrintable(std::uint8_t byte) {
+    return byte >= 0x20 && byte <= 0x7E;
+}
+
+// The hexadecimal column, two blanks and the character column of up to 16 bytes. A short line is
+// padded, so that its characters stay in their column.
+std::string dumpLine(const std::uint8_t* bytes, std::uint32_t count) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string hex(3 * dumpLineBytes - 1, ' ');
+    std::string characters;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        hex[3 * i] = digits[bytes[i] >> 4];
+        hex[3 * i + 1] = digits[bytes[i] & 0x0F];
+        characters += isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
+    }
+    return hex + "  " + characters;
+}
+
+// The time that an EEPROM needs to store a page.
+void waitForPageWrite() {
+    const timespec pageWriteTime{0, 10'000'000};
+    nanosleep(&pageWriteTime, nullptr);
+}
+
+} // namespace
+
+EepromBase::EepromBase(const std::string& device, int slaveAddress) : I2C(device) {
+    if (fd < 0 || ioctl(fd, I2C_SLAVE, static_cast<long>(slaveAddress)) < 0)
+        qwk::report(LOG_ERR, "Cannot access address %d at %s", slaveAddress, device.c_str());
+}
+
+int EepromBase::read(std::uint16_t address, void* buffer, std::uint16_t length) {
+    std::uint8_t start[addressBytes];
+    putAddress(start, offset + address);
+    if (::write(fd, start, sizeof start) != static_cast<ssize_t>(sizeof start))
+        return -1;
+    auto* next = static_cast<std::uint8_t*>(buffer);
+    for (std::uint32_t left = length; left > 0;) {
+        const std::uint32_t piece = std::min(left, maxTransfer);
+        if (::read(fd, next, piece) != static_cast<ssize_t>(piece))
+            return -1;
+        next += piece;
+        left -= piece;
+    }
+    return length;
+}
+
+int EepromBase::write(std::uint16_t address, const void* data, std::uint16_t length) {
+    if (std::uint32_t{address} + length > static_cast<std::uint32_t>(size))
+        return -1;
+    const std::uint32_t capacity = pageSize == 0 ? maxChunk : static_cast<std::uint32_t>(pageSize);
+    const std::unique_ptr<std::uint8_t[]> staging(
+        new (std::nothrow) std::uint8_t[std::min<std::uint32_t>(capacity, length) + addressBytes]);
+    if (!staging)
+        return -1;
+
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    const std::uint32_t start = (offset + address) & 0xFFFF;
+    for (std::uint32_t done = 0; done < length;) {
+        const std::uint32_t current = start + done;
+        const std::uint32_t chunk = std::min(length - done, capacity - current % capacity);
+        putAddress(staging.get(), current);
+        std::memcpy(staging.get() + addressBytes, bytes + done, chunk);
+        const ssize_t written = ::write(fd, staging.get(), chunk + addressBytes);
+        if (pageSize != 0)
+            waitForPageWrite();
+        if (written != static_cast<ssize_t>(chunk + addressBytes)) {
+            qwk::report(LOG_ERR, "Writing of %d bytes at address %d failed.", int{length},
+                        static_cast<int>(start));
+            return -1;
+        }
+        done += chunk;
+    }
+    return length;
+}
+
+std::uint32_t EepromBase::crc32(const std::uint8_t* data, std::uint32_t length,
+                                std::uint32_t initial, bool invert) {
+    std::uint32_t crc = initial;
+    for (std::uint32_t i = 0; i < length; ++i) {
+        for (unsigned bit = 0; bit < 8; ++bit) {
+            const bool odd = ((crc ^ (std::uint32_t{data[i]} >> bit)) & 1U) != 0;
+            crc = odd ? (crc >> 1) ^ 0xEDB88320U : crc >> 1;
+        }
+    }
+    return invert ? ~crc : crc;
+}
+
+int EepromBase::hexDump(std::FILE* out) {
+    Image image;
+    if (readImage(image) != 0)
+        return -1;
+    printImage(image, out);
+    return 0;
+}
+
+std::uint16_t EepromBase::imageLength() const {
+    return size == 0 ? defaultDumpLength : static_cast<std::uint16_t>(size);
+}
+
+int EepromBase::readImage(Image& image) {
+    image.reset(new (std::nothrow) std::uint8_t[imageLength()]);
+    if (!image) {
+        qwk::report(LOG_ERR, "Out of memory.");
+        return -1;
+    }
+    if (read(0, image.get(), imageLength()) < 0)
+        image.reset();
+    return 0;
+}
+
+void EepromBase::printImage(const Image& image, std::FILE* out) const {
+    if (!image)
+        return;
+    for (std::uint32_t at = 0; at < imageLength(); at += dumpLineBytes) {
+        const std::uint32_t count = std::min(imageLength() - at, dumpLineBytes);
+        std::fprintf(out != nullptr ? out : stdout, "%04x  %s\n", at,
+                     dumpLine(image.get() + at, count).c_str());
+    }
+    if (out != nullptr)
+        std::fflush(out);
+}
+
+} // namespace boardSupport

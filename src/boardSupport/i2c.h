@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+/// Owner of an opened i2c-dev bus device. Used by one thread at a time.
+class I2C {
+public:
+    /// Opens `device` for reading and writing. On failure `fd` is negative, which is reported.
+    explicit I2C(std::string device);
+    virtual ~I2C();
+
+    I2C(const I2C&) = delete;
+    I2C& operator=(const I2C&) = delete;
+
+protected:
+    /// The bus device; negative when it did not open.
+    const int fd;
+};
