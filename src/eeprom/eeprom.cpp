@@ -1,0 +1,270 @@
+#include "eeprom/eeprom.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "support/diagnostics.h"
+#include "support/paths.h"
+#include "support/stopRequest.h"
+
+namespace qwk {
+
+using namespace framLayout;
+
+namespace {
+
+constexpr std::chrono::milliseconds openRetryInterval{100};
+
+std::uint32_t headerAddress(int copy) {
+    return static_cast<std::uint32_t>(copy) * headerSize;
+}
+
+void reportUnexpectedKey(const std::uint8_t* key) {
+    report(LOG_ERR, "Unexpected header key (%c%c%c%c)", key[0], key[1], key[2], key[3]);
+}
+
+} // namespace
+
+std::mutex Eeprom::chipMutex_;
+
+Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs) {
+    const std::int64_t interval = openRetryInterval.count();
+    std::int64_t retries = (timeoutMs + interval / 2) / interval;
+    for (;;) {
+        auto eeprom = std::make_unique<Eeprom>(eepromDevicePath, eepromSlaveAddress, logSink);
+        if (eeprom->fd >= 0)
+            return eeprom.release();
+        eeprom.reset();
+        if (timeoutMs >= 0 && --retries < 0)
+            return nullptr;
+        stopRequest().sleepFor(openRetryInterval);
+        if (stopRequest().isRequested())
+            return nullptr;
+    }
+}
+
+Eeprom::Eeprom(const std::string& device, int slaveAddress, LogSink* sink)
+    : EepromBase(device, slaveAddress), logSink(sink), buffer(new std::uint8_t[chipSize + 1]) {
+    offset = 0;
+    size = chipSize;
+    if (logSink != nullptr && fd >= 0) {
+        const ChipLock chip(chipMutex_);
+        load();
+    }
+}
+
+void Eeprom::load() {
+    const SinkLock held(*logSink);
+    if (logSink->isCacheFilled())
+        return;
+    std::uint32_t end;
+    std::uint32_t count;
+    std::uint32_t nextId;
+    if (readHeaders(end, count, nextId) != 0)
+        return;
+    std::uint32_t loaded = 0;
+    const bool complete =
+        walkEntries(end, nextId - count, loaded, [this](std::uint32_t id, const Entry& entry) {
+            logSink->addToCache(id, entry.priority, entry.time, entry.message);
+        });
+    if (complete)
+        report(LOG_INFO, "%d log entries read from cache.", static_cast<int>(count));
+    else
+        report(LOG_ERR, "FRAM cache corrupted.");
+}
+
+void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std::string& message) {
+    const ChipLock chip(chipMutex_);
+    std::uint32_t end = entryAreaStart;
+    std::uint32_t count = 0;
+    std::uint32_t nextId = 0;
+    if (readHeaders(end, count, nextId) != 0) {
+        if (logSink != nullptr)
+            logSink->nextSequenceNumber(nextId);
+        report(LOG_WARNING, "Header of FRAM cache either invalid or uninitialised.");
+    }
+    const std::uint32_t length = entrySize(message);
+    if (end + length > chipSize) {
+        static_cast<void>(flushLocked()); // reported there; the new entry must be stored anyway
+        end = entryAreaStart;
+        count = 0;
+    }
+    if (logSink != nullptr) {
+        const SinkLock held(*logSink);
+        logSink->addToCache(nextId, priority, time, message);
+    }
+    // The record first, then copy 0: at a power cut the headers never cover half a record.
+    if (writeLogEntry(end, priority, time, message) != 0 ||
+        writeHeaders(end + length, count + 1, nextId + 1) != 0)
+        report(LOG_ERR, "Writing log to FRAM cache failed.");
+}
+
+int Eeprom::flush() {
+    const ChipLock chip(chipMutex_);
+    return flushLocked();
+}
+
+int Eeprom::flushLocked() {
+    if (logSink == nullptr)
+        return -1;
+    SinkLock held(*logSink);
+    logSink->clearCache();
+    std::uint32_t end;
+    std::uint32_t count;
+    std::uint32_t nextId;
+    if (readHeaders(end, count, nextId) != 0)
+        return -1;
+    if (end == entryAreaStart && count == 0)
+        return 0;
+    std::uint32_t written = 0;
+    const bool complete =
+        walkEntries(end, nextId - count, written, [this](std::uint32_t id, const Entry& entry) {
+            logSink->sink(id, entry.priority, entry.time, entry.message);
+        });
+    held.unlock();
+    if (!complete)
+        report(LOG_ERR, "FRAM cache corrupted.");
+    report(LOG_INFO, "%d log entries written, next sequence number is [%08x].",
+           static_cast<int>(written), nextId);
+    return resetHeaders(nextId);
+}
+
+int Eeprom::resetHeaders(std::uint32_t nextId) {
+    if (writeHeaders(entryAreaStart, 0, nextId) == 0)
+        return 0;
+    report(LOG_ERR, "Cannot write headers.");
+    return -1;
+}
+
+int Eeprom::clear() {
+    const ChipLock chip(chipMutex_);
+    const SinkLock held = logSink != nullptr ? SinkLock(*logSink) : SinkLock();
+    std::fill_n(buffer.get(), chipSize, std::uint8_t{0});
+    const bool wiped = write(0, buffer.get(), chipSize) == int{chipSize};
+    if (!wiped)
+        report(LOG_ERR, "Clearing of FRAM failed.");
+    if (logSink != nullptr)
+        logSink->clearCache();
+    return wiped ? 0 : -1;
+}
+
+int Eeprom::hexDump(std::FILE* out) {
+    Image image;
+    {
+        const ChipLock chip(chipMutex_);
+        if (readImage(image) != 0)
+            return -1;
+    }
+    printImage(image, out);
+    return 0;
+}
+
+int Eeprom::readKlv(std::uint32_t address) {
+    // Addresses wrap at 16 bits, as on the wire.
+    if (read(static_cast<std::uint16_t>(address), buffer.get(), klvHeadSize) < 0)
+        return -1;
+    const std::uint32_t length = klvLength(buffer.get());
+    if (length < klvHeadSize || length >= chipSize)
+        return -1;
+    if (read(static_cast<std::uint16_t>(address + klvHeadSize), buffer.get() + klvHeadSize,
+             static_cast<std::uint16_t>(length - klvHeadSize)) < 0)
+        return -1;
+    buffer[length] = 0;
+    return 0;
+}
+
+int Eeprom::checkHeader(int copy, Header& header) {
+    if (readKlv(headerAddress(copy)) != 0)
+        return -1;
+    const std::uint8_t* block = buffer.get();
+    if (klvLength(block) != headerSize) {
+        report(LOG_ERR, "Unexpected size of header block (%d)", static_cast<int>(klvLength(block)));
+        return -1;
+    }
+    if (!hasHeaderKey(block)) {
+        reportUnexpectedKey(block);
+        return -1;
+    }
+    if (storedCrc(block) != computedCrc(block)) {
+        report(LOG_ERR, "Invalid CRC of header block");
+        return -1;
+    }
+    header = decodeHeader(block);
+    return 0;
+}
+
+int Eeprom::readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t& nextId) {
+    Header copies[2];
+    const bool valid[2] = {checkHeader(0, copies[0]) == 0, checkHeader(1, copies[1]) == 0};
+    if (!valid[0] && !valid[1])
+        return -1;
+    // Copy 0 is written first, so where both are valid it is never the older one.
+    const int chosen = valid[0] ? 0 : 1;
+    end = copies[chosen].end;
+    count = copies[chosen].count;
+    nextId = copies[chosen].nextId;
+    // A failure leaves one good copy, which is enough until the next operation tries again.
+    if (!valid[1 - chosen])
+        static_cast<void>(writeHeader(1 - chosen, end, count, nextId));
+    return 0;
+}
+
+int Eeprom::writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId) {
+    if (copy != 0 && copy != 1)
+        return -1;
+    const auto block = encodeHeader({end, count, nextId});
+    return write(static_cast<std::uint16_t>(headerAddress(copy)), block.data(), headerSize) < 0 ? -1
+                                                                                                : 0;
+}
+
+int Eeprom::writeHeaders(std::uint32_t end, std::uint32_t count, std::uint32_t nextId) {
+    if (writeHeader(0, end, count, nextId) != 0)
+        return -1;
+    return writeHeader(1, end, count, nextId);
+}
+
+int Eeprom::readLogEntry(std::uint32_t address, Entry& entry, std::uint32_t& length) {
+    if (readKlv(address) != 0) {
+        report(LOG_ERR, "Cannot read KLV for log entry at %d", static_cast<int>(address));
+        return -1;
+    }
+    if (!hasEntryKey(buffer.get())) {
+        reportUnexpectedKey(buffer.get());
+        return -1;
+    }
+    length = klvLength(buffer.get());
+    if (length < minEntrySize)
+        return -1;
+    decodeEntry(buffer.get(), entry);
+    return 0;
+}
+
+int Eeprom::writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
+                          const std::string& message) {
+    const std::uint32_t length = encodeEntry(buffer.get(), priority, time, message);
+    return write(static_cast<std::uint16_t>(address), buffer.get(),
+                 static_cast<std::uint16_t>(length)) < 0
+               ? -1
+               : 0;
+}
+
+std::uint32_t Eeprom::entrySize(const std::string& message) {
+    return framLayout::entrySize(message);
+}
+
+template<typename Visit>
+bool Eeprom::walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited,
+                         Visit visit) {
+    Entry entry;
+    std::uint32_t address = entryAreaStart;
+    for (visited = 0; address < end; ++visited) {
+        std::uint32_t length;
+        if (readLogEntry(address, entry, length) != 0)
+            return false;
+        visit(firstId + visited, entry);
+        address += length;
+    }
+    return address == end;
+}
+
+} // namespace qwk

@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "boardSupport/eepromBase.h"
+#include "eeprom/framLayout.h"
+#include "logger/logSink.h"
+
+namespace qwk {
+
+/// The FRAM cache: journal entries that survive a power cut until they are in the log file. An
+/// object is made for one operation, by one thread, and deleted right after; all state is in the
+/// chip.
+///
+/// Each whole operation holds the process's chip lock, which is always taken before the lock of the
+/// log sink, so no transfers of two objects mix. It is not held while the device is being opened or
+/// a dump is printed.
+class Eeprom : public boardSupport::EepromBase {
+public:
+    /// Opens the board's chip, trying every 100 ms until `timeoutMs` milliseconds have passed, or
+    /// for ever when `timeoutMs` is negative. Returns the object, which the caller deletes; null
+    /// after the time-out, or when the daemon is asked to stop before the device opened.
+    static Eeprom* open(LogSink* logSink, int timeoutMs);
+
+    /// Opens the chip and, while `logSink` was never given an entry, loads the chip's entries into
+    /// its recent-entry buffer. `logSink` is not owned and may be null.
+    Eeprom(const std::string& device, int slaveAddress, LogSink* logSink);
+    ~Eeprom() override = default;
+
+    /// Stores one entry, flushing the cache before when it has no room. What fails is reported; the
+    /// entry is then in the recent-entry buffer only.
+    void append(std::int32_t priority, const std::uint64_t& time, const std::string& message);
+
+    /// Hands every entry to the sink, oldest first, and empties the cache. Returns 0, or -1 when
+    /// the chip holds no valid header, its headers cannot be reset or there is no sink.
+    int flush();
+
+    /// Writes zeros over the chip and empties the recent-entry buffer; 0 or -1.
+    int clear();
+
+    /// Prints the chip to `out` as the base does. A slow reader of `out` delays nobody else.
+    int hexDump(std::FILE* out);
+
+private:
+    using ChipLock = std::lock_guard<std::mutex>;
+    using SinkLock = std::unique_lock<LogSink>;
+
+    // All below: the caller holds the chip lock.
+    void load();
+    int flushLocked();
+    int resetHeaders(std::uint32_t nextId);
+
+    /// Reads the record at `address` into `buffer`; 0, or -1 when its length is impossible.
+    int readKlv(std::uint32_t address);
+    /// 0 and the values of header copy 0 or 1 when that copy is valid, else -1.
+    int checkHeader(int copy, framLayout::Header& header);
+    /// 0 and the cache's state when a header copy is valid (the other one is mended), else -1.
+    int readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t& nextId);
+    int writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
+    /// Copy 0 and, only when that succeeded, copy 1; 0 or -1.
+    int writeHeaders(std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
+    /// 0 with `entry` and the record's `length`, or -1 when there is no whole entry at `address`.
+    int readLogEntry(std::uint32_t address, framLayout::Entry& entry, std::uint32_t& length);
+    int writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
+                      const std::string& message);
+    static std::uint32_t entrySize(const std::string& message);
+
+    /// Calls visit(sequence number, entry) for each record; `visited` counts them. True when the
+    /// chain of records ends exactly at `end`.
+    template<typename Visit>
+    bool walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited, Visit visit);
+
+    static std::mutex chipMutex_;
+
+    LogSink* const logSink;
+    /// One record and a NUL behind it, or the zeros of a clear.
+    const std::unique_ptr<std::uint8_t[]> buffer;
+};
+
+} // namespace qwk
