@@ -1,0 +1,150 @@
+#include "journal/journal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <poll.h>
+
+#include "support/diagnostics.h"
+#include "support/stopRequest.h"
+
+namespace qwk {
+
+namespace {
+
+constexpr std::size_t bufferSize = 65536;
+constexpr std::size_t maxValueLength = bufferSize - 1;
+
+// libsystemd may cut a compressed field, its name included, at this length: room for every value
+// that fits the buffer, behind the longest name that is asked for.
+constexpr std::size_t dataThreshold = maxValueLength + sizeof "SYSLOG_IDENTIFIER=";
+
+} // namespace
+
+Journal::Journal(int maxPriority)
+    : buffer_(static_cast<char*>(std::malloc(bufferSize))), maxPriority_(maxPriority) {
+    if (!buffer_) {
+        report(LOG_ERR, "Out of memory");
+        return;
+    }
+    sd_journal* opened = nullptr;
+    const int result = sd_journal_open(&opened, SD_JOURNAL_RUNTIME_ONLY);
+    if (result < 0) {
+        report(LOG_ERR, "Failed to open journal: %s", errorText(-result).c_str());
+        return;
+    }
+    journal_.reset(opened);
+    static_cast<void>(sd_journal_set_data_threshold(opened, dataThreshold)); // cannot fail
+}
+
+int Journal::readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::string& text) {
+    if (!journal_ || advance() != 0)
+        return -1;
+    std::int32_t entryPriority = 0;
+    const int wanted = readPriority(entryPriority);
+    if (wanted != 1)
+        return wanted;
+
+    const std::string device = decorated("_KERNEL_DEVICE", ": ");
+    std::string sender = process("SYSLOG_IDENTIFIER", "SYSLOG_PID");
+    if (sender.empty())
+        sender = process("_COMM", "_PID");
+    const std::string host = decorated("_HOSTNAME", " ");
+
+    std::uint64_t realtime = 0;
+    const char* message = nullptr;
+    if (sd_journal_get_realtime_usec(journal_.get(), &realtime) != 0 ||
+        getField("MESSAGE", message) != 0)
+        return -1;
+
+    text.clear();
+    text.append(host).append(device).append(sender).append(message);
+    priority = entryPriority;
+    timestamp = realtime;
+    return 1;
+}
+
+int Journal::advance() {
+    for (;;) {
+        const int result = sd_journal_next(journal_.get());
+        if (result > 0)
+            return 0;
+        if (result < 0) {
+            report(LOG_ERR, "Failed to iterate to next entry: %s", errorText(-result).c_str());
+            return -1;
+        }
+        if (waitForChanges() < 0 || stopRequest().isRequested())
+            return -1;
+    }
+}
+
+int Journal::waitForChanges() {
+    int result;
+    if (descriptor_ < 0) {
+        // The watch begins with this call: an entry that came just before wakes nobody, so the
+        // journal is looked at once more before the first wait.
+        result = descriptor_ = sd_journal_get_fd(journal_.get());
+    } else {
+        pollfd watched[2] = {{descriptor_, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}};
+        poll(watched, 2, -1);
+        result = 0;
+    }
+    if (result >= 0)
+        result = sd_journal_process(journal_.get());
+    if (result >= 0) {
+        waitFailureReported_ = false;
+        return result;
+    }
+    // A missing descriptor is asked for every 100 ms. One report is enough: each one is a journal
+    // entry itself.
+    if (descriptor_ >= 0 || !waitFailureReported_)
+        report(LOG_ERR, "Failed to wait for changes: %s", errorText(-result).c_str());
+    waitFailureReported_ = descriptor_ < 0;
+    return result;
+}
+
+int Journal::readPriority(std::int32_t& priority) {
+    const char* text = nullptr;
+    if (getField("PRIORITY", text) != 0) {
+        report(LOG_ERR, "Failed to read priority field: %s", errorText(EPERM).c_str());
+        return -1;
+    }
+    char* end = nullptr;
+    const long number = std::strtol(text, &end, 10);
+    if (*end != '\0') {
+        report(LOG_ERR, "Failed to parse priority field (\"%s\")", text);
+        return -1;
+    }
+    using Limits = std::numeric_limits<std::int32_t>;
+    priority = static_cast<std::int32_t>(std::clamp<long>(number, Limits::min(), Limits::max()));
+    return priority > maxPriority_ ? 0 : 1;
+}
+
+int Journal::getField(const char* name, const char*& value) {
+    const void* data = nullptr;
+    std::size_t length = 0;
+    if (sd_journal_get_data(journal_.get(), name, &data, &length) != 0)
+        return -1;
+    const std::size_t prefix = std::strlen(name) + 1; // the name and the equals sign
+    if (length <= prefix)
+        return -1;
+    length = std::min(length - prefix, maxValueLength);
+    std::memcpy(buffer_.get(), static_cast<const char*>(data) + prefix, length);
+    buffer_.get()[length] = '\0';
+    value = buffer_.get();
+    return 0;
+}
+
+std::string Journal::decorated(const char* name, const char* suffix) {
+    const char* value = nullptr;
+    return getField(name, value) == 0 ? std::string(value) + suffix : std::string();
+}
+
+std::string Journal::process(const char* nameField, const char* pidField) {
+    std::string name = decorated(nameField, "[");
+    const std::string pid = name.empty() ? std::string() : decorated(pidField, "]: ");
+    return pid.empty() ? std::string() : name + pid;
+}
+
+} // namespace qwk

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <systemd/sd-journal.h>
+
+namespace qwk {
+
+/// Reads the runtime journal of the current boot, oldest entry first. Used by the main thread only.
+class Journal {
+public:
+    /// Opens the journal. When that fails it is reported, and every readEntry fails. Entries with a
+    /// priority number above `maxPriority` (0 emergency to 7 debug) are passed over.
+    explicit Journal(int maxPriority);
+    virtual ~Journal() = default;
+
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
+
+    /// Waits for the next entry. Returns 1 with its priority, its time stamp (microseconds since
+    /// the Unix epoch) and its text; 0 when its priority is above the highest; -1 when the entry is
+    /// unusable, the journal fails or the daemon is asked to stop. The out-parameters are set with
+    /// 1 only. An entry for which -1 was returned is passed.
+    int readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::string& text);
+
+private:
+    struct Free {
+        void operator()(char* memory) const { std::free(memory); }
+    };
+    struct CloseJournal {
+        void operator()(sd_journal* journal) const { sd_journal_close(journal); }
+    };
+
+    /// 0 at the next entry; -1, reported unless the daemon is to stop.
+    int advance();
+    /// Blocks until the journal has changed or the daemon is to stop. The result of
+    /// sd_journal_process, or a negative error number.
+    int waitForChanges();
+    /// 1 when the entry's priority is to be logged, 0 when not, -1 when it has none.
+    int readPriority(std::int32_t& priority);
+    /// 0 and the field's text in buffer_, valid until the next call; -1 when it is absent or empty.
+    int getField(const char* name, const char*& value);
+    /// "value" and `suffix`, or nothing when the field is absent.
+    std::string decorated(const char* name, const char* suffix);
+    /// "name[process id]: ", or nothing when one of the two fields is absent.
+    std::string process(const char* nameField, const char* pidField);
+
+    std::unique_ptr<sd_journal, CloseJournal> journal_;
+    const std::unique_ptr<char, Free> buffer_;
+    const int maxPriority_;
+    /// The journal's descriptor, from the first wait on; -1 before.
+    int descriptor_ = -1;
+    /// The failure to get the descriptor was reported and lasts.
+    bool waitFailureReported_ = false;
+};
+
+} // namespace qwk
