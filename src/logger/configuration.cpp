@@ -1,0 +1,64 @@
+// The daemon's settings: the part of Logger that reads them.
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <sstream>
+
+#include <log4cplus/configurator.h>
+#include <log4cplus/helpers/property.h>
+#include <log4cplus/hierarchy.h>
+#include <log4cplus/logger.h>
+
+#include "logger/logger.h"
+#include "support/diagnostics.h"
+#include "support/paths.h"
+
+namespace qwk {
+
+namespace {
+
+constexpr std::int32_t smallestLogSize = 524288;
+constexpr std::int32_t anySize = std::numeric_limits<std::int32_t>::max();
+
+using Properties = log4cplus::helpers::Properties;
+
+std::string decimal(std::int32_t number) {
+    std::ostringstream text;
+    text << number;
+    return text.str();
+}
+
+// As strtol does where long has 32 bits, so that a file means the same on every machine.
+std::int32_t saturated(long number) {
+    using Limits = std::numeric_limits<std::int32_t>;
+    return static_cast<std::int32_t>(std::clamp<long>(number, Limits::min(), Limits::max()));
+}
+
+// The value of `key` when it is a whole number within the range; otherwise the default, which is
+// reported when a value was there.
+std::int32_t readSetting(const Properties& properties, const char* key, std::int32_t standard,
+                         std::int32_t lowest, std::int32_t highest) {
+    const std::string text = properties.getProperty(key, decimal(standard));
+    char* end = nullptr;
+    const std::int32_t value = saturated(std::strtol(text.c_str(), &end, 10));
+    if (*end == '\0' && value >= lowest && value <= highest)
+        return value;
+    report(LOG_WARNING, "%s in \"%s\" invalid. Using %d.", key, configurationPath, standard);
+    return standard;
+}
+
+} // namespace
+
+void Logger::readConfiguration() {
+    // Only properties whose names begin with "log4cplus." pass, without that prefix.
+    log4cplus::PropertyConfigurator configurator(configurationPath,
+                                                 log4cplus::Logger::getDefaultHierarchy(), 0);
+    const Properties properties = configurator.getProperties();
+    logSize_ = readSetting(properties, "logsize", static_cast<std::int32_t>(logSize_),
+                           smallestLogSize, anySize);
+    logLevel_ = readSetting(properties, "loglevel", logLevel_, 1, 6);
+    logCount_ = readSetting(properties, "logcount", logCount_, 2, anySize);
+}
+
+} // namespace qwk

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qwk {
+
+/// One source of log bytes to be sent. Lists of sources stand newest first and are sent from their
+/// last element to their first. Offsets and sizes count modulo 2^32 and are read as unsigned, so a
+/// log file may grow beyond 2 GiB.
+struct LogFile {
+    /// Where sending starts, in bytes.
+    std::int32_t off;
+    /// The source's length in bytes; 0 while it is not known.
+    std::int32_t size;
+    /// Path of the log file; empty for the recent-entry buffer.
+    std::string name;
+};
+
+/// Where one client's stream stands. The stream is every byte sent to the client: log files and
+/// buffer text as they are, and a NUL behind each send of the buffer, in the place of the newline
+/// that the log file will have there. The offsets in the stream wrap, and only differences of them
+/// have a meaning; `count_total` is 0 only before the first byte.
+///
+/// The pair (id, count_total - count_id) is the resume point: a line, and how many bytes the client
+/// has from that line's opening bracket on.
+struct SendState {
+    /// Files are read through this buffer of `bufferSize` bytes, which the stream owns.
+    char* buffer;
+    std::int32_t bufferSize;
+    /// The client's non-blocking socket; not owned.
+    int socket;
+    /// Bytes sent so far.
+    std::int32_t count_total;
+    /// Stream offset of the last recognised line, and that line's sequence number.
+    std::int32_t count_id;
+    std::uint32_t id;
+    /// A line start whose number was not complete when a call ended: its stream offset, and the
+    /// line terminator with the up to 9 bytes behind it that are known; empty when none is pending.
+    std::int32_t lineStart;
+    char lineHead[11];
+};
+
+} // namespace qwk

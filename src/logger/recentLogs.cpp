@@ -1,0 +1,141 @@
+// What to send: the part of Logger that chooses the sources of a delivery, by size for the first
+// and by sequence number for every later one. Chooses only; nothing is sent here.
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <sys/stat.h>
+
+#include "logger/logger.h"
+#include "support/diagnostics.h"
+#include "support/paths.h"
+
+namespace qwk {
+
+namespace {
+
+// 0 is the current log file, 1 its newest rolled copy.
+std::string logFileName(int index) {
+    return index == 0 ? std::string(logFilePath)
+                      : std::string(logFilePath) + '.' + std::to_string(index);
+}
+
+std::optional<std::int64_t> fileSize(const std::string& path) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0)
+        return std::nullopt;
+    return status.st_size;
+}
+
+// Offsets and sizes are kept modulo 2^32; these are the two ways through that.
+std::int32_t narrowed(std::int64_t offset) {
+    return static_cast<std::int32_t>(offset);
+}
+std::int64_t widened(std::int32_t offset) {
+    return static_cast<std::uint32_t>(offset);
+}
+
+void reportFiles(const std::vector<LogFile>& files) {
+    for (const LogFile& file : files)
+        report(LOG_DEBUG, "-- %s, off= %d", file.name.empty() ? "cache" : file.name.c_str(),
+               file.off);
+}
+
+// Moves the start of the oldest source to the next newer one when the client has all of the oldest
+// one. That source's place is then behind the bytes that it has of it already. False when the
+// client has more than both hold, or a size is not to be had.
+bool carryOver(std::vector<LogFile>& files) {
+    const auto oldestSize = fileSize(files.back().name);
+    if (!oldestSize)
+        return false;
+    if (widened(files.back().off) < *oldestSize)
+        return true;
+    const std::int64_t remainder = widened(files.back().off) - *oldestSize;
+    files.pop_back();
+    LogFile& newer = files.back();
+    const auto newerSize =
+        newer.size != 0 ? std::optional(widened(newer.size)) : fileSize(newer.name);
+    if (!newerSize || *newerSize <= remainder)
+        return false;
+    newer.off = narrowed(remainder);
+    newer.size = narrowed(*newerSize);
+    return true;
+}
+
+} // namespace
+
+void Logger::findFilesBySize(int maxsize, std::vector<LogFile>& files) {
+    files.clear();
+    if (addRecentEntries(maxsize, files))
+        addLogFiles(maxsize, static_cast<std::int64_t>(cache_.size()), files);
+    report(LOG_DEBUG, "Files found (maxsize= %d):", maxsize);
+    reportFiles(files);
+}
+
+bool Logger::addRecentEntries(int maxsize, std::vector<LogFile>& files) {
+    const auto length = static_cast<int>(cache_.size());
+    if (length == 0)
+        return true;
+    if (maxsize >= length) {
+        files.push_back({0, length, {}});
+        return true;
+    }
+    auto start = static_cast<std::uint32_t>(length - maxsize);
+    if (findNextLine(cache_.data(), length, start) == 0 && static_cast<int>(start) < length)
+        files.push_back({narrowed(start), length, {}});
+    return false;
+}
+
+void Logger::addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& files) {
+    for (int index = 0;; ++index) {
+        const std::string name = logFileName(index);
+        const auto size = fileSize(name);
+        if (!size)
+            return;
+        if (taken + *size > maxsize) {
+            auto start = static_cast<std::uint32_t>(taken + *size - maxsize);
+            if (findNextLine(name, start) == 0 && start < *size)
+                files.push_back({narrowed(start), narrowed(*size), name});
+            return;
+        }
+        files.push_back({0, narrowed(*size), name});
+        taken += *size;
+    }
+}
+
+void Logger::findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files) {
+    if (!findPlaceAfterId(id, off, files)) {
+        findFilesBySize(maxsize, files);
+        return;
+    }
+    report(LOG_DEBUG, "Files found (id= 0x%08x, off= %d):", id, off);
+    reportFiles(files);
+}
+
+bool Logger::findPlaceAfterId(std::uint32_t id, int off, std::vector<LogFile>& files) {
+    files.clear();
+    const auto length = static_cast<int>(cache_.size());
+    std::uint32_t line;
+    if (findId(cache_.data(), length, id, line) == 0) {
+        const std::int64_t start = line + widened(off);
+        if (start <= length) // up to the NUL behind the text
+            files.push_back({narrowed(start), length, {}});
+        return true;
+    }
+    if (length > 0)
+        files.push_back({0, length, {}});
+
+    for (int index = 0;; ++index) {
+        const std::string name = logFileName(index);
+        const int result = findId(name, id, line);
+        if (result == -2)
+            return false;
+        if (result == 0) {
+            files.push_back({narrowed(line + widened(off)), 0, name});
+            return files.size() == 1 || carryOver(files);
+        }
+        files.push_back({0, 0, name});
+    }
+}
+
+} // namespace qwk
