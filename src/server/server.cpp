@@ -1,0 +1,144 @@
+#include "server/server.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <poll.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+#include "support/controlSocket.h"
+#include "support/diagnostics.h"
+#include "support/fileDescriptor.h"
+#include "support/paths.h"
+
+namespace qwk {
+
+namespace {
+
+constexpr int backlog = 10;
+constexpr int pollPeriodMs = 1000;
+constexpr std::chrono::milliseconds endRetryInterval{100};
+
+} // namespace
+
+Server::Server(Logger* logger) : logger_(logger) {
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    listenSocket_ = socket;
+    if (socket < 0) {
+        report(LOG_ERR, "Cannot create socket (%s).", errorText(errno).c_str());
+        return;
+    }
+    if (!bindSocket(socket))
+        return;
+    if (listen(socket, backlog) != 0) {
+        report(LOG_ERR, "Cannot listen at socket (%s).", errorText(errno).c_str());
+        return;
+    }
+    startAcceptThread();
+}
+
+bool Server::bindSocket(int socket) {
+    const sockaddr_un address = controlSocketAddress();
+    // A killed daemon leaves its socket file behind.
+    static_cast<void>(unlink(controlSocketPath));
+    if (bind(socket, asSocketAddress(address), sizeof address) == 0)
+        return true;
+    const std::string reason = errorText(errno);
+    report(LOG_ERR, "Cannot bind socket to %s (%s).", controlSocketPath, reason.c_str());
+    std::printf("Cannot bind socket to %s (%s)\n.", controlSocketPath, reason.c_str());
+    std::fflush(stdout);
+    return false;
+}
+
+void Server::startAcceptThread() {
+    const std::lock_guard<std::mutex> held(clientsMutex_);
+    try {
+        acceptThread_ = std::make_unique<std::thread>(&Server::acceptLoop, this).release();
+    } catch (const std::system_error& error) {
+        report(LOG_ERR, "Cannot start accept thread (%s).", error.what());
+    }
+}
+
+void Server::acceptLoop() {
+    for (;;) {
+        pollfd listening{listenSocket_, POLLIN, 0};
+        const int ready = poll(&listening, 1, pollPeriodMs);
+        const int socket = listenSocket_;
+        if (socket < 0)
+            break;
+        if (ready == 1 && !acceptClient(socket))
+            break;
+    }
+    finishAcceptThread();
+}
+
+bool Server::acceptClient(int listenSocket) {
+    sockaddr_un address;
+    socklen_t length = sizeof address;
+    const int socket = accept4(listenSocket, asSocketAddress(address), &length, SOCK_CLOEXEC);
+    if (socket < 0)
+        return false;
+    // Held over the start: the new thread finds its entry however soon it ends.
+    const std::lock_guard<std::mutex> held(clientsMutex_);
+    try {
+        const auto entry = clients_.emplace(socket, nullptr).first;
+        entry->second = std::make_unique<std::thread>(&Server::handleClient, this, socket);
+    } catch (const std::exception& error) {
+        report(LOG_ERR, "Cannot serve client (%s).", error.what());
+        clients_.erase(socket);
+        static_cast<void>(close(socket));
+    }
+    return true;
+}
+
+void Server::finishAcceptThread() {
+    const std::lock_guard<std::mutex> held(clientsMutex_);
+    const std::unique_ptr<std::thread> self(acceptThread_.load());
+    self->detach();
+    acceptThread_ = nullptr;
+}
+
+Server::~Server() {
+    stopAccepting();
+    endConnections();
+    wakeStreams();
+    waitForClients();
+}
+
+void Server::stopAccepting() {
+    // The number is taken out first and closed last, so the accept thread never polls a number that
+    // belongs to something else by then.
+    const FileDescriptor socket(listenSocket_.exchange(-1));
+    if (socket.isOpen())
+        static_cast<void>(shutdown(socket.get(), SHUT_RDWR)); // ends the accept thread's poll
+    static_cast<void>(unlink(controlSocketPath));
+    while (acceptThread_ != nullptr)
+        std::this_thread::sleep_for(endRetryInterval);
+}
+
+void Server::endConnections() {
+    const std::lock_guard<std::mutex> held(clientsMutex_);
+    for (const auto& client : clients_)
+        static_cast<void>(shutdown(client.first, SHUT_RDWR)); // its thread closes the descriptor
+}
+
+void Server::wakeStreams() {
+    const std::lock_guard<LogSink> held(*logger_);
+    logger_->addToCache(0, 0, 0, "");
+    logger_->endStreams();
+}
+
+void Server::waitForClients() {
+    for (;;) {
+        {
+            const std::lock_guard<std::mutex> held(clientsMutex_);
+            if (clients_.empty())
+                return;
+        }
+        std::this_thread::sleep_for(endRetryInterval);
+    }
+}
+
+} // namespace qwk

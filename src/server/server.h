@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "logger/logger.h"
+#include "server/connection.h"
+#include "server/request.h"
+
+namespace qwk {
+
+/// The control socket: accepts clients on a thread of its own and serves each on a further one.
+/// Those threads are detached; the registry and acceptThread_ tell the destructor when they have
+/// ended.
+class Server {
+public:
+    /// Binds the control socket and starts to accept. What fails is reported; the server then
+    /// serves no clients. `logger` is not owned and outlives the server.
+    explicit Server(Logger* logger);
+    /// Ends every connection and waits until every thread has ended.
+    virtual ~Server();
+
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+private:
+    // Set-up; each reports its failure and returns false.
+    bool bindSocket(int socket);
+    void startAcceptThread();
+
+    /// The accept thread.
+    void acceptLoop();
+    /// False when no further client can be accepted.
+    bool acceptClient(int listenSocket);
+    void finishAcceptThread();
+
+    /// A client thread: serves one request, then closes and deregisters `socket`.
+    void handleClient(int socket);
+    void serve(Connection& connection);
+    /// Carries out the request; returns the answer text, which may be empty.
+    const char* carryOut(const Request& request, Connection& connection);
+    const char* useEeprom(Action action, Connection& connection);
+    void deliver(const Request& request, int socket);
+    /// Closes the connection and removes its entry, so that its number is never both free and
+    /// registered.
+    void deregister(Connection& connection);
+
+    // The steps of the destructor.
+    void stopAccepting();
+    void endConnections();
+    void wakeStreams();
+    void waitForClients();
+
+    /// The listening descriptor; -1 when there is none. Closed by the destructor.
+    std::atomic<int> listenSocket_{-1};
+    /// Null while no accept thread runs. Set with clientsMutex_ held, so that the thread cannot
+    /// clear it before it is set; owned and deleted by the accept thread.
+    std::atomic<std::thread*> acceptThread_{nullptr};
+    /// The threads that serve clients, by descriptor; guarded by clientsMutex_.
+    std::map<int, std::unique_ptr<std::thread>> clients_;
+    /// A leaf lock: nothing waits and no other lock is taken while it is held.
+    std::mutex clientsMutex_;
+    Logger* const logger_;
+};
+
+} // namespace qwk
