@@ -1,0 +1,143 @@
+#include "main/client.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "support/controlSocket.h"
+#include "support/diagnostics.h"
+#include "support/fileDescriptor.h"
+
+namespace qwk {
+
+namespace {
+
+constexpr std::size_t receiveSize = 255;
+constexpr int pollPeriodMs = 1000;
+
+// A daemon or a reader of the output that has just gone is an error of the call, not the end of
+// the client.
+void blockBrokenPipe() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// The connected socket, or none; failures are reported.
+FileDescriptor connectToDaemon() {
+    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!socket.isOpen()) {
+        report(LOG_ERR, "Cannot create socket (%s).", errorText(errno).c_str());
+        return {};
+    }
+    const sockaddr_un address = controlSocketAddress();
+    if (connect(socket.get(), asSocketAddress(address), sizeof address) != 0) {
+        report(LOG_ERR, "Cannot connect to \"%s\" (%s).", controlSocketPath,
+               errorText(errno).c_str());
+        return {};
+    }
+    return socket;
+}
+
+// Sends the line with its terminating zero byte; 0, or -1 when a send fails (reported).
+int sendLine(int socket, const std::string& line) {
+    const std::size_t length = line.size() + 1;
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t sent =
+            retryOnInterrupt([&] { return send(socket, line.c_str() + done, length - done, 0); });
+        if (sent < 0) {
+            report(LOG_ERR, "Send failed (%s).", errorText(errno).c_str());
+            return -1;
+        }
+        if (sent == 0)
+            break;
+        done += static_cast<std::size_t>(sent);
+    }
+    return 0;
+}
+
+enum class Wait { answer, outputGone, failed };
+
+// Waits for the next piece of the answer, or until the reader of `out` has gone: a quiet log would
+// otherwise keep the client of a closed pipe for ever.
+Wait waitForAnswer(int socket, std::FILE* out) {
+    for (;;) {
+        pollfd watched[2] = {{socket, POLLIN, 0}, {fileno(out), 0, 0}};
+        const int ready = retryOnInterrupt([&] { return poll(watched, 2, pollPeriodMs); });
+        if (ready < 0) {
+            report(LOG_ERR, "Poll failed (%s).", errorText(errno).c_str());
+            return Wait::failed;
+        }
+        if (watched[0].revents != 0)
+            return Wait::answer;
+        if (ready > 0)
+            return Wait::outputGone;
+    }
+}
+
+// Prints a received piece; false when the output takes no more.
+bool printPiece(const char* piece, std::size_t length, std::FILE* out) {
+    std::fputs(piece, out);
+    if (piece[length - 1] == '\0')
+        std::fputc('\n', out);
+    return std::fflush(out) == 0;
+}
+
+} // namespace
+
+int sendRequest(const std::string& requestLine, std::FILE* out) {
+    blockBrokenPipe();
+    const FileDescriptor socket = connectToDaemon();
+    if (!socket.isOpen())
+        return -1;
+    const int result = sendLine(socket.get(), requestLine);
+    char piece[receiveSize + 1] = {};
+    for (;;) {
+        const Wait wait = waitForAnswer(socket.get(), out);
+        if (wait == Wait::failed)
+            return -1;
+        if (wait == Wait::outputGone)
+            return result;
+        const ssize_t got =
+            retryOnInterrupt([&] { return recv(socket.get(), piece, receiveSize, 0); });
+        if (got <= 0)
+            return result;
+        piece[got] = '\0';
+        if (!printPiece(piece, static_cast<std::size_t>(got), out))
+            return result;
+    }
+}
+
+std::string requestLine(int argc, const char* const* argv) {
+    std::string line;
+    for (int i = 0; i < argc; ++i) {
+        if (i > 0)
+            line += ' ';
+        line += argv[i];
+    }
+    return line;
+}
+
+void printUsage() {
+    std::fputs("Usage: quillwick\n"
+               "       quillwick -c\n"
+               "       quillwick -p\n"
+               "       quillwick -f\n"
+               "       quillwick [-l] -g maxsize\n"
+               "\n"
+               "       No arguments: Read from systemd journal and write to log files\n"
+               "                     (daemon mode).\n"
+               "       -h            Print this message to stdout.\n"
+               "       --clear       Clear cache.\n"
+               "       -p            Print hex dump of cache to stdout.\n"
+               "       -f            Flush cache to log file.\n"
+               "       -l            Stay connected and listen for new log messages.\n"
+               "       -g maxsize    Print recent logs to stdout. Size is limited to\n"
+               "                     maxsize bytes.\n",
+               stdout);
+}
+
+} // namespace qwk

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+namespace qwk {
+
+/// Sends `requestLine` to the daemon and copies its answer to `out` as it arrives, until the daemon
+/// ends the connection or nobody reads `out` any more. A piece of the answer is printed up to its
+/// first zero byte, and a newline follows a piece that ends with one. Returns 0, or -1 when the
+/// daemon cannot be reached, the request cannot be sent or the wait for the answer fails.
+int sendRequest(const std::string& requestLine, std::FILE* out);
+
+/// The request line of a command line: its words joined with single blanks.
+std::string requestLine(int argc, const char* const* argv);
+
+/// Prints the usage text to standard output.
+void printUsage();
+
+} // namespace qwk

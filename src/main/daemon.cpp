@@ -1,0 +1,127 @@
+#include "main/daemon.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "eeprom/eeprom.h"
+#include "journal/journal.h"
+#include "logger/logger.h"
+#include "server/server.h"
+#include "support/diagnostics.h"
+#include "support/stopRequest.h"
+
+namespace qwk {
+
+DaemonObjects g_daemon;
+
+namespace {
+
+struct HandledSignal {
+    int number;
+    const char* name;
+};
+
+constexpr HandledSignal handledSignals[] = {{SIGHUP, "SIGHUP"},
+                                            {SIGINT, "SIGINT"},
+                                            {SIGQUIT, "SIGQUIT"},
+                                            {SIGABRT, "SIGABRT"},
+                                            {SIGTERM, "SIGTERM"}};
+
+constexpr int firstOpenTimeoutMs = 10000;
+constexpr int withoutLimit = -1;
+constexpr std::chrono::milliseconds journalRetryInterval{100};
+
+sigset_t handledSignalSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const HandledSignal& handled : handledSignals)
+        sigaddset(&set, handled.number);
+    return set;
+}
+
+// All threads inherit this: none but the main one ever takes a handled signal, and writing to a
+// client that has gone is an error of the call, not the end of the process.
+void blockSignals() {
+    sigset_t set = handledSignalSet();
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void createObjects() {
+    g_daemon.logger = new Logger;
+    g_daemon.journal = new Journal(g_daemon.logger->logLevel());
+    g_daemon.server = new Server(g_daemon.logger);
+}
+
+// A signal that came during start-up was held back and is taken here.
+void takeSignals() {
+    for (const HandledSignal& handled : handledSignals)
+        std::signal(handled.number, onSignal);
+    const sigset_t set = handledSignalSet();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// Opens the FRAM cache, however long its device takes to appear after a first warning. Null only
+// when the daemon is to stop.
+std::unique_ptr<Eeprom> openEeprom(int& timeoutMs) {
+    std::unique_ptr<Eeprom> eeprom(Eeprom::open(g_daemon.logger, timeoutMs));
+    if (!eeprom && !stopRequest().isRequested()) {
+        report(LOG_WARNING, "Openening i2c bus for EEPROM timed out.");
+        timeoutMs = withoutLimit;
+        eeprom.reset(Eeprom::open(g_daemon.logger, timeoutMs));
+    }
+    return eeprom;
+}
+
+// Moves entries from the journal to the FRAM cache until the daemon is to stop.
+void mainLoop() {
+    std::int32_t priority = 0;
+    std::uint64_t timestamp = 0;
+    std::string text;
+    int openTimeoutMs = firstOpenTimeoutMs;
+    while (!stopRequest().isRequested()) {
+        const int result = g_daemon.journal->readEntry(priority, timestamp, text);
+        if (result < 0)
+            stopRequest().sleepFor(journalRetryInterval);
+        if (result != 1)
+            continue;
+        if (const auto eeprom = openEeprom(openTimeoutMs))
+            eeprom->append(priority, timestamp, text);
+    }
+}
+
+void reportSignal(int number) {
+    for (const HandledSignal& handled : handledSignals) {
+        if (handled.number == number)
+            report(LOG_DEBUG, "Received signal %s.\n", handled.name);
+    }
+}
+
+// In the reverse of the order of creation: nothing outlives what it uses.
+[[noreturn]] void tearDown() {
+    reportSignal(stopRequest().signal());
+    delete g_daemon.server;
+    delete g_daemon.journal;
+    delete g_daemon.logger;
+    std::exit(0);
+}
+
+} // namespace
+
+void runDaemon() {
+    blockSignals();
+    static_cast<void>(stopRequest()); // made before the handler can use it
+    createObjects();
+    takeSignals();
+    mainLoop();
+    tearDown();
+}
+
+void onSignal(int signal) {
+    stopRequest().request(signal);
+}
+
+} // namespace qwk

@@ -1,0 +1,29 @@
+#pragma once
+
+namespace qwk {
+
+class Journal;
+class Logger;
+class Server;
+
+/// The daemon's long-lived objects, in the order of their creation but for the server, which comes
+/// last. Each is set once during start-up; the teardown deletes them.
+struct DaemonObjects {
+    Logger* logger;
+    Server* server;
+    Journal* journal;
+};
+
+extern DaemonObjects g_daemon;
+
+/// Whether a second process runs as daemon beside the calling one, which counts as the first.
+bool isDaemonRunning();
+
+/// Runs the daemon on the calling thread, which becomes its main thread. Ends the process with
+/// status 0 after a handled signal.
+[[noreturn]] void runDaemon();
+
+/// The handler of the signals that end the daemon: only asks for the stop.
+void onSignal(int signal);
+
+} // namespace qwk
