@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <ctime>
+#include <unistd.h>
+#include <utility>
 
 #include <log4cplus/fileappender.h>
 #include <log4cplus/layout.h>
@@ -39,8 +41,10 @@ void Logger::nextSequenceNumber(std::uint32_t& next) {
 
 void Logger::sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
                   const std::string& message) {
-    if (logger_->isEnabledFor(log4cplus::FATAL_LOG_LEVEL))
-        LOG4CPLUS_FATAL(*logger_, formatLine(id, priority, time, message));
+    if (!logger_->isEnabledFor(log4cplus::FATAL_LOG_LEVEL))
+        return;
+    LOG4CPLUS_FATAL(*logger_, formatLine(id, priority, time, message));
+    linesUnsynced_ = true;
 }
 
 void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
@@ -71,7 +75,26 @@ void Logger::lock() {
 }
 
 void Logger::unlock() {
+    const std::vector<UnsyncedFile> written =
+        std::exchange(linesUnsynced_, false) ? filesToSync() : std::vector<UnsyncedFile>();
     mutex_.unlock();
+    // Without the lock: no stream waits for the disk. Whoever flushes the FRAM does wait, and lets
+    // go of its entries only then.
+    for (const UnsyncedFile& file : written)
+        file.sync();
+}
+
+std::vector<UnsyncedFile> Logger::filesToSync() {
+    std::vector<UnsyncedFile> files;
+    files.emplace_back(logFilePath);
+    const std::uint64_t inode = files.front().inode();
+    if (inode != syncedInode_) {
+        syncedInode_ = inode;
+        if (access(newestRolledPath, F_OK) == 0)
+            files.emplace_back(newestRolledPath);
+        files.emplace_back(logFolderPath);
+    }
+    return files;
 }
 
 void Logger::endStreams() {

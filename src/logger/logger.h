@@ -10,6 +10,7 @@
 #include "logger/delivery.h"
 #include "logger/logSink.h"
 #include "logger/sequenceNumber.h"
+#include "logger/stableStorage.h"
 
 namespace log4cplus {
 class Logger;
@@ -37,6 +38,8 @@ public:
     bool isCacheFilled() override;
     /// Throws std::system_error when the mutex fails.
     void lock() override;
+    /// Releases the lock and then, when lines were written under it, returns only once they are on
+    /// stable storage. A failure of that is reported.
     void unlock() override;
 
     /// Highest journal priority that is logged, 1 to 6.
@@ -124,6 +127,11 @@ private:
     /// Waits for an entry since the last delivery; true when streams are to end.
     bool waitForEntry(Stream& stream);
 
+    /// What has to be brought to stable storage after lines were written: the log file and, when it
+    /// is another file than before, its newest rolled copy and the folder. The caller holds the
+    /// lock, so that the names still stand for the files that were written.
+    std::vector<UnsyncedFile> filesToSync();
+
     // Constant after construction.
     std::unique_ptr<log4cplus::Logger> logger_;
     long logSize_ = 5242880;
@@ -141,6 +149,11 @@ private:
     /// when the numbering starts again at the number that a stream saw last.
     std::uint32_t additions_ = 0;
     bool streamsEnding_ = false;
+    /// Lines were written since the lock was taken.
+    bool linesUnsynced_ = false;
+    /// Inode of the log file that was synced last; 0 before. A new one tells of a roll: the rolled
+    /// file keeps its own, so the two never share a number.
+    std::uint64_t syncedInode_ = 0;
 };
 
 } // namespace qwk
