@@ -1,0 +1,127 @@
+#include "support/childProcess.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <stdexcept>
+#include <system_error>
+
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include "support/sandbox.h"
+
+namespace testSupport {
+namespace {
+
+struct FileActions {
+    FileActions() { ::posix_spawn_file_actions_init(&value); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+    ~FileActions() { ::posix_spawn_file_actions_destroy(&value); }
+    posix_spawn_file_actions_t value;
+};
+
+// Standard streams are files in memory: unlike pipes they never block either side.
+Descriptor openMemoryFile(const std::string& text) {
+    Descriptor file(::memfd_create("stream", MFD_CLOEXEC));
+    if (file.get() < 0 ||
+        ::pwrite(file.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        throw std::system_error(errno, std::generic_category(), "file in memory");
+    }
+    return file;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (std::string& string : strings) {
+        pointers.push_back(string.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+} // namespace
+
+ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args,
+                           ChildOptions options) {
+    const Descriptor input = openMemoryFile(options.input);
+    std::vector<std::string> arguments = {path};
+    arguments.insert(arguments.end(), args.begin(), args.end());
+    // Of two values for one name getenv() finds the first.
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        options.environment.emplace_back(*variable);
+    }
+
+    FileActions actions;
+    ::posix_spawn_file_actions_adddup2(&actions.value, input.get(), STDIN_FILENO);
+    if (options.captureOutput) {
+        output_ = openMemoryFile({});
+        ::posix_spawn_file_actions_adddup2(&actions.value, output_.get(), STDOUT_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions.value, output_.get(), STDERR_FILENO);
+    }
+    // Not bound to the life of the starting thread: the sandbox's end is the child's end anyway.
+    const int error =
+        ::posix_spawn(&pid_, path.c_str(), &actions.value, nullptr, pointersTo(arguments).data(),
+                      pointersTo(options.environment).data());
+    if (error != 0) {
+        throw std::system_error(error, std::generic_category(), path);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!ending_) {
+        kill(SIGKILL);
+        while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+void ChildProcess::kill(int signal) {
+    if (!ending_) {
+        ::kill(pid_, signal);
+    }
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
+    eventually(limit, [this] {
+        int status = 0;
+        if (!ending_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+            ending_ = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+        }
+        return ending_.has_value();
+    });
+    return ending_;
+}
+
+std::string ChildProcess::output() const {
+    std::string text;
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = ::pread(output_.get(), buffer, sizeof buffer,
+                            static_cast<off_t>(text.size()))) > 0) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {
+    return eventually(limit, [&] { return output().find(text) != std::string::npos; });
+}
+
+RunResult run(const std::string& path, const std::vector<std::string>& args,
+              const std::string& input, std::chrono::milliseconds limit) {
+    ChildProcess child(path, args, {input, {}, true});
+    const std::optional<int> ending = child.wait(limit);
+    if (!ending) {
+        throw std::runtime_error(path + " did not end in time; it wrote: " + child.output());
+    }
+    return {*ending, child.output()};
+}
+
+std::string buildPath(const std::string& name) {
+    return QUILLWICK_BUILD_DIR "/" + name;
+}
+
+} // namespace testSupport

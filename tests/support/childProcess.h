@@ -1,0 +1,83 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace testSupport {
+
+// Owner of a file descriptor; -1 stands for none.
+class Descriptor {
+public:
+    explicit Descriptor(int value = -1) : value_(value) {}
+    Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(value_, other.value_);
+        return *this;
+    }
+    ~Descriptor() {
+        if (value_ >= 0) {
+            ::close(value_);
+        }
+    }
+    int get() const { return value_; }
+
+private:
+    int value_;
+};
+
+struct ChildOptions {
+    std::string input = {};                    // what the child reads from its standard input
+    std::vector<std::string> environment = {}; // NAME=value, before the inherited ones
+    bool captureOutput = false;                // stdout and stderr, in one, for output()
+};
+
+// A program running as a child; killed and reaped at the latest by the destructor. Not for use by
+// several threads at once.
+class ChildProcess {
+public:
+    // The path is not searched for; args do not contain the program's name. Throws
+    // std::system_error if the program cannot be started.
+    ChildProcess(const std::string& path, const std::vector<std::string>& args,
+                 ChildOptions options = {});
+    ~ChildProcess();
+
+    // The number remains after the end; it is free for other processes then.
+    pid_t pid() const { return pid_; }
+    // Without effect once the end was seen by wait().
+    void kill(int signal);
+    // The exit status, or the negated number of the signal that ended the child; nothing if it
+    // still runs at the limit. May be repeated.
+    std::optional<int> wait(std::chrono::milliseconds limit);
+    bool isRunning() { return !wait(std::chrono::milliseconds(0)); }
+
+    // All that the child has written so far; empty unless captured.
+    std::string output() const;
+    bool waitForOutput(std::string_view text, std::chrono::milliseconds limit) const;
+
+private:
+    Descriptor output_;
+    pid_t pid_ = -1;
+    std::optional<int> ending_;
+};
+
+struct RunResult {
+    int status; // as from ChildProcess::wait()
+    std::string output;
+};
+
+// Runs a program to its end. Throws std::runtime_error if that takes longer than the limit.
+RunResult run(const std::string& path, const std::vector<std::string>& args,
+              const std::string& input = {},
+              std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+// Where the build has put one of its products.
+std::string buildPath(const std::string& name);
+
+} // namespace testSupport

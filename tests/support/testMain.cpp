@@ -1,0 +1,18 @@
+#include <string_view>
+
+#include <gtest/gtest.h>
+
+#include "support/sandbox.h"
+
+int main(int argc, char** argv) {
+    // The build lists the tests, too, and may do so where no sandbox can be had.
+    bool listOnly = false;
+    for (int i = 1; i < argc; ++i) {
+        listOnly = listOnly || std::string_view(argv[i]) == "--gtest_list_tests";
+    }
+    if (!listOnly) {
+        testSupport::enterSandbox();
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
