@@ -1,0 +1,232 @@
+// The executable from outside: its modes, the way of an entry through a real journal and a stood-in
+// chip to the log file, restarts, signals and what is missing.
+
+#include <regex>
+#include <sys/ioctl.h>
+
+#include "support/daemon.h"
+#include "support/syslogCapture.h"
+
+using namespace testSupport;
+
+namespace {
+
+class ClientTest : public testing::Test {
+protected:
+    // Serves one connection with these pieces, each sent when the one before was taken, and
+    // returns the request that came.
+    std::string serveOnce(const std::vector<std::string>& pieces) {
+        const Descriptor connection(accept(listening_.get(), nullptr, nullptr));
+        char request[1024];
+        const ssize_t got = recv(connection.get(), request, sizeof request, 0);
+        for (const std::string& piece : pieces) {
+            send(connection.get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+            EXPECT_TRUE(eventually(10s, [&] { return unread(connection) == 0; }));
+        }
+        return {request, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+    }
+    void listenAsDaemon() {
+        unlink(qwk::controlSocketPath);
+        const sockaddr_un address = qwk::controlSocketAddress();
+        listening_ = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ASSERT_EQ(bind(listening_.get(), qwk::asSocketAddress(address), sizeof address), 0);
+        ASSERT_EQ(listen(listening_.get(), 5), 0);
+    }
+
+private:
+    static int unread(const Descriptor& connection) {
+        int bytes = -1;
+        return ioctl(connection.get(), TIOCOUTQ, &bytes) == 0 ? bytes : -1;
+    }
+    Descriptor listening_;
+};
+
+using DaemonTest = System;
+
+// The messages of the lines "[number] time host test[pid]: message", in order.
+std::vector<std::string> messagesOf(const std::string& log, std::vector<unsigned long>& numbers) {
+    static const std::regex line(
+        R"(\[([0-9a-f]{8})\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \S+ test\[\d+\]: (.*))");
+    std::vector<std::string> messages;
+    for (std::sregex_iterator it(log.begin(), log.end(), line), end; it != end; ++it) {
+        numbers.push_back(std::stoul((*it)[1], nullptr, 16));
+        messages.push_back((*it)[2]);
+    }
+    return messages;
+}
+
+} // namespace
+
+TEST_F(ClientTest, printsItsUsageOnly) {
+    EXPECT_EQ(client({"-h"}), R"(Usage: quillwick
+       quillwick -c
+       quillwick -p
+       quillwick -f
+       quillwick [-l] -g maxsize
+
+       No arguments: Read from systemd journal and write to log files
+                     (daemon mode).
+       -h            Print this message to stdout.
+       --clear       Clear cache.
+       -p            Print hex dump of cache to stdout.
+       -f            Flush cache to log file.
+       -l            Stay connected and listen for new log messages.
+       -g maxsize    Print recent logs to stdout. Size is limited to
+                     maxsize bytes.
+)");
+}
+
+TEST_F(ClientTest, saysWhenNobodyListens) {
+    SyslogCapture syslog;
+    const RunResult result = run(buildPath("quillwick"), {"-h", "-p"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output, "Cannot connect to server.\n");
+    EXPECT_TRUE(
+        syslog.waitFor(R"(Cannot connect to "/tmp/quillwick" (No such file or directory).)", 10s));
+}
+
+TEST_F(ClientTest, printsEachPieceUpToItsFirstZeroByte) {
+    using namespace std::string_literals;
+    struct Case {
+        std::vector<std::string> pieces;
+        std::string printed;
+    };
+    const Case cases[] = {
+        {{}, ""},
+        {{"abc", "def"}, "abcdef"},
+        {{"abc\0"s, "def\0"s}, "abc\ndef\n"},
+        {{"abc\0def"s, "ghi"}, "abcghi"},
+        {{"abc\0def\0"s}, "abc\n"},
+        {{"\0"s}, "\n"},
+        {{std::string(255, 'x') + '\0'}, std::string(255, 'x') + "\n"},
+    };
+    listenAsDaemon();
+    for (const Case& one : cases) {
+        ChildProcess process(buildPath("quillwick"), {"-g", "1000"}, {{}, {}, true});
+        EXPECT_EQ(serveOnce(one.pieces), buildPath("quillwick") + " -g 1000" + '\0');
+        EXPECT_EQ(process.wait(10s), 0);
+        EXPECT_EQ(process.output(), one.printed);
+    }
+}
+
+TEST_F(ClientTest, endsWhenNobodyReadsItsOutput) {
+    listenAsDaemon(); // and never answers, like a quiet log
+    ChildProcess pipeline("/bin/sh", {"-c", buildPath("quillwick") + " -l -g 0 | true"});
+    EXPECT_EQ(pipeline.wait(10s), 0);
+}
+
+TEST_F(DaemonTest, entriesReachTheLogFileInBatches) {
+    Daemon daemon;
+    std::vector<std::string> texts;
+    for (int i = 0; i < 200; ++i)
+        texts.push_back("entry " + std::to_string(i) + ' ' + std::string(60, '.'));
+    journald->log(5, "test", "a notice is above the level");
+    log(texts);
+    ASSERT_TRUE(arrives("entry 199 "));
+    EXPECT_FALSE(logFile().empty()); // the chip filled up and was flushed
+    EXPECT_LT(logFile().find("entry 99 "), std::string::npos);
+    EXPECT_EQ(logFile().find("entry 199 "), std::string::npos); // still in the chip
+    EXPECT_EQ(client({"-f"}), "");
+    std::vector<unsigned long> numbers;
+    EXPECT_EQ(messagesOf(logFile(), numbers), texts);
+    for (std::size_t i = 0; i < numbers.size(); ++i)
+        EXPECT_EQ(numbers[i], i);
+    EXPECT_EQ(daemon.end(), 0);
+}
+
+TEST_F(DaemonTest, killedDaemonsLoseNothingAndNumbersGoOn) {
+    std::vector<std::string> journal;
+    std::vector<std::string> expected;
+    for (int round = 0; round < 5; ++round) {
+        Daemon daemon;
+        // Every start reads the boot's entries again, and they get new numbers.
+        expected.insert(expected.end(), journal.begin(), journal.end());
+        for (int i = 0; i < 20; ++i) {
+            journal.push_back(std::to_string(round) + '.' + std::to_string(i));
+            expected.push_back(journal.back());
+            log({journal.back()});
+        }
+        std::vector<unsigned long> numbers;
+        ASSERT_TRUE(eventually(30s, [&] {
+            numbers.clear();
+            return messagesOf(client({"-g", "1000000"}), numbers) == expected;
+        }));
+        for (std::size_t i = 0; i < numbers.size(); ++i)
+            ASSERT_EQ(numbers[i], i);
+        EXPECT_EQ(daemon.end(SIGKILL), -SIGKILL);
+    }
+}
+
+TEST_F(DaemonTest, runsOnlyOnce) {
+    Daemon daemon;
+    EXPECT_EQ(client({}), "Server already running.\n");
+    ChildProcess listener(buildPath("quillwick"), {"-l", "-g", "0"});
+    EXPECT_EQ(daemon.end(), 0);
+    // Neither a client nor a program of a longer name is a daemon.
+    ASSERT_EQ(symlink("/bin/cat", "/tmp/quillwick2"), 0);
+    ChildProcess other("/tmp/quillwick2", {});
+    Daemon second;
+    EXPECT_EQ(second.end(), 0);
+}
+
+TEST_F(DaemonTest, everyHandledSignalEndsItCleanly) {
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGABRT, SIGTERM}) {
+        Daemon daemon;
+        EXPECT_EQ(access(qwk::controlSocketPath, F_OK), 0);
+        EXPECT_EQ(daemon.end(signal), 0) << signal;
+        EXPECT_NE(access(qwk::controlSocketPath, F_OK), 0) << signal;
+    }
+}
+
+TEST_F(DaemonTest, aStopIsSeenInEveryWait) {
+    struct Case {
+        const char* name;
+        std::function<void()> arrange;
+    };
+    const Case cases[] = {
+        {"no journal",
+         [&] {
+             journald.reset();
+             run("/bin/rm", {"-r", "/run/log/journal"});
+         }},
+        {"no chip, an entry waits for it",
+         [&] {
+             journald = std::make_unique<Journald>();
+             device.reset();
+             log({"waits"});
+         }},
+    };
+    for (const Case& one : cases) {
+        one.arrange();
+        Daemon daemon;
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_EQ(daemon.end(), 0) << one.name;
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 2s) << one.name;
+    }
+}
+
+TEST_F(DaemonTest, aMissingChipIsWaitedForAndItsEntryKept) {
+    device.reset();
+    log({"kept"});
+    Daemon daemon;
+    const std::string warning = "Openening i2c bus for EEPROM timed out.";
+    ASSERT_TRUE(syslog.waitFor(warning, 20s));
+    int attempts = 0;
+    for (const SyslogMessage& message : syslog.take()) {
+        if (message.text == warning)
+            break;
+        attempts += message.text == "Error opening I2C Device: /dev/i2c-2" ? 1 : 0;
+    }
+    EXPECT_EQ(attempts, 101);
+    EXPECT_EQ(receiveAll(request("quillwick -f")), std::string("Cannot access EEPROM.") + '\0');
+    device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
+    EXPECT_TRUE(arrives("kept"));
+    device.reset();
+    log({"kept, too"});
+    ASSERT_TRUE(syslog.waitFor("Error opening I2C Device", 20s));
+    device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
+    EXPECT_TRUE(arrives("kept, too"));
+    for (const SyslogMessage& message : syslog.take())
+        EXPECT_NE(message.text, warning); // it is given once
+    EXPECT_EQ(daemon.end(), 0);
+}
