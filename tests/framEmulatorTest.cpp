@@ -31,9 +31,8 @@ constexpr unsigned long chipAddress = 0x50;
 /// A write transfer: the address, then `count` bytes first, first + 1, ...
 Bytes writeTransfer(size_t address, size_t count, size_t first = 1) {
     Bytes bytes = {static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address)};
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t i = 0; i < count; ++i)
         bytes.push_back(static_cast<uint8_t>(first + i));
-    }
     return bytes;
 }
 
@@ -51,10 +50,9 @@ Bytes receive(FramChip& chip, size_t count) {
 class Bus {
 public:
     explicit Bus(unsigned long slave = chipAddress)
-        : file_(::open(devicePath, O_RDWR | O_CLOEXEC)), openError_(file_ ? 0 : errno) {
-        if (slave != 0) {
+        : file_(::open(devicePath, O_RDWR | O_CLOEXEC)), openError_(file_.isOpen() ? 0 : errno) {
+        if (slave != 0)
             select(slave);
-        }
     }
 
     int openError() const { return openError_; }
@@ -70,7 +68,7 @@ public:
 private:
     static long orErrno(long result) { return result < 0 ? -errno : result; }
 
-    Descriptor file_;
+    testSupport::Descriptor file_;
     int openError_;
 };
 
@@ -83,9 +81,8 @@ TEST(FramChipTest, countsAddressesAcrossTransfersAndWrapsAtTheEnd) {
         SCOPED_TRACE(named);
         FramChip chip;
         EXPECT_EQ(send(chip, writeTransfer(named, 4)), 6);
-        for (size_t i = 0; i < 4; ++i) {
+        for (size_t i = 0; i < 4; ++i)
             EXPECT_EQ(chip.image()[(stored + i) % chipSize], 1 + i);
-        }
         EXPECT_EQ(send(chip, writeTransfer(named, 1, 9)), 3);
         EXPECT_EQ(receive(chip, 3), (Bytes{2, 3, 4})); // goes on after the 9
         EXPECT_EQ(chip.record().back().address, (stored + 1) % chipSize);
@@ -139,11 +136,10 @@ TEST(FramChipTest, losesPowerAfterAnyByteOfTheTraffic) {
             const size_t reached = std::max<size_t>(cut, 2) - 2;
             for (size_t i = 0; i < 18; ++i) {
                 const bool isTorn = i + 3 == cut && torn != TornByte::newValue;
-                if (isTorn && torn == TornByte::randomBits) {
+                if (isTorn && torn == TornByte::randomBits)
                     neitherOldNorNew += after[i] != 101 + i && after[i] != 1 + i;
-                } else {
+                else
                     EXPECT_EQ(after[i], (i < reached && !isTorn ? 1 : 101) + i) << "byte " << i;
-                }
             }
         }
         EXPECT_EQ(neitherOldNorNew > 0, torn == TornByte::randomBits);
@@ -223,9 +219,8 @@ public:
     explicit FrontEnd(std::vector<std::string> options)
         : ChildProcess(testSupport::buildPath("fram-emulator"), withDevice(std::move(options)),
                        {{}, {}, true}) {
-        if (!waitForOutput("Serving /dev/i2c-2\n", 20s)) {
+        if (!waitForOutput("Serving /dev/i2c-2\n", 20s))
             throw std::runtime_error("the emulator does not serve: " + output());
-        }
     }
 
 private:

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <poll.h>
+#include <unistd.h>
 
 #include "support/diagnostics.h"
+#include "support/paths.h"
 #include "support/stopRequest.h"
 
 namespace qwk {
@@ -19,6 +22,8 @@ constexpr std::size_t maxValueLength = bufferSize - 1;
 // libsystemd may cut a compressed field, its name included, at this length: room for every value
 // that fits the buffer, behind the longest name that is asked for.
 constexpr std::size_t dataThreshold = maxValueLength + sizeof "SYSLOG_IDENTIFIER=";
+
+constexpr std::chrono::milliseconds folderRetryInterval{100};
 
 } // namespace
 
@@ -80,28 +85,40 @@ int Journal::advance() {
 }
 
 int Journal::waitForChanges() {
-    int result;
+    int result = 0;
     if (descriptor_ < 0) {
-        // The watch begins with this call: an entry that came just before wakes nobody, so the
-        // journal is looked at once more before the first wait.
-        result = descriptor_ = sd_journal_get_fd(journal_.get());
+        // The watch begins here: an entry that came just before wakes nobody, so the journal is
+        // looked at once more before the first wait.
+        result = beginWatch();
     } else {
         pollfd watched[2] = {{descriptor_, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}};
         poll(watched, 2, -1);
-        result = 0;
     }
     if (result >= 0)
         result = sd_journal_process(journal_.get());
-    if (result >= 0) {
+    if (result < 0)
+        reportWaitFailure(result);
+    else
         waitFailureReported_ = false;
-        return result;
-    }
-    // A missing descriptor is asked for every 100 ms. One report is enough: each one is a journal
-    // entry itself.
-    if (descriptor_ >= 0 || !waitFailureReported_)
-        report(LOG_ERR, "Failed to wait for changes: %s", errorText(-result).c_str());
-    waitFailureReported_ = descriptor_ < 0;
     return result;
+}
+
+int Journal::beginWatch() {
+    // libsystemd would watch nothing, and for good, while the folder is missing.
+    while (access(journalFolderPath, F_OK) != 0 && !stopRequest().isRequested())
+        stopRequest().sleepFor(folderRetryInterval);
+    const int descriptor = sd_journal_get_fd(journal_.get());
+    if (descriptor >= 0)
+        descriptor_ = descriptor;
+    return descriptor;
+}
+
+void Journal::reportWaitFailure(int error) {
+    // A watch that cannot begin is tried again every 100 ms. One report of that is enough: each is
+    // a journal entry itself.
+    if (descriptor_ >= 0 || !waitFailureReported_)
+        report(LOG_ERR, "Failed to wait for changes: %s", errorText(-error).c_str());
+    waitFailureReported_ = descriptor_ < 0;
 }
 
 int Journal::readPriority(std::int32_t& priority) {

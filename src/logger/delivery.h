@@ -6,8 +6,8 @@
 namespace qwk {
 
 /// One source of log bytes to be sent. Lists of sources stand newest first and are sent from their
-/// last element to their first. Offsets and sizes count modulo 2^32 and are read as unsigned, so a
-/// log file may grow beyond 2 GiB.
+/// last element to their first. Offsets and sizes are read as unsigned: the largest log file has
+/// 2^31 bytes and one line.
 struct LogFile {
     /// Where sending starts, in bytes.
     std::int32_t off;

@@ -1,9 +1,9 @@
 // The lowest layer of delivery: the part of Logger that pushes bytes down a client's socket without
 // ever waiting for the client, and keeps track of the line at which the client stands.
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -149,8 +149,10 @@ int Logger::sendFile(SendState& state, int off, const std::string& name, bool& w
             const int sent =
                 got < 0 ? -1 : sendBuffer(state, state.buffer, static_cast<int>(got), wouldBlock);
             good = sent >= 0;
-            if (good)
-                total = wrappingSum(total, sent);
+            if (good) // only the sign counts for a file beyond 2 GiB
+                total = sent <= std::numeric_limits<int>::max() - total
+                            ? total + sent
+                            : std::numeric_limits<int>::max();
         }
     }
     report(LOG_DEBUG, "File \"%s\" sent, off= %d, ret= %d.", name.c_str(), off, good ? 0 : -1);
@@ -162,10 +164,9 @@ int Logger::sendCache(SendState& state, int off, bool& wouldBlock) {
     // The byte behind the last character is the string's terminating NUL.
     const std::int64_t start = static_cast<std::uint32_t>(off);
     const std::int64_t length = static_cast<std::int64_t>(cache_.size()) + 1 - start;
-    const int sent =
+    const int result =
         length > 0 ? sendBuffer(state, cache_.c_str() + start, static_cast<int>(length), wouldBlock)
                    : 0;
-    const int result = std::max(sent, -1);
     report(LOG_DEBUG, "Cache sent, off= %d, ret= %d.", off, result);
     return result;
 }

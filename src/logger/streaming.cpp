@@ -80,10 +80,9 @@ bool Logger::sendListed(Stream& stream) {
 bool Logger::deliverBacklog(Stream& stream) {
     // Unsigned, so that a total beyond 2^31 bytes is above every maxsize.
     while (stream.wouldBlock && static_cast<std::uint32_t>(stream.state.count_total) <
-                                    static_cast<std::uint32_t>(stream.maxsize)) {
+                                    static_cast<std::uint32_t>(stream.maxsize))
         if (!waitUntilWritable(stream.state.socket) || !deliverRest(stream))
             return false;
-    }
     return true;
 }
 

@@ -1,10 +1,10 @@
 #include "main/client.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "support/controlSocket.h"
 #include "support/diagnostics.h"
@@ -16,15 +16,6 @@ namespace {
 
 constexpr std::size_t receiveSize = 255;
 constexpr int pollPeriodMs = 1000;
-
-// A daemon or a reader of the output that has just gone is an error of the call, not the end of
-// the client.
-void blockBrokenPipe() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-}
 
 // The connected socket, or none; failures are reported.
 FileDescriptor connectToDaemon() {
@@ -78,18 +69,35 @@ Wait waitForAnswer(int socket, std::FILE* out) {
     }
 }
 
-// Prints a received piece; false when the output takes no more.
-bool printPiece(const char* piece, std::size_t length, std::FILE* out) {
-    std::fputs(piece, out);
+// Writes all of it, past the stream's own buffer, which would lose what a non-blocking output does
+// not take at once. False when the output takes no more.
+bool writeOut(std::FILE* out, const char* text, std::size_t length) {
+    while (length > 0) {
+        const ssize_t written = retryOnInterrupt([&] { return write(fileno(out), text, length); });
+        if (written >= 0) {
+            text += written;
+            length -= static_cast<std::size_t>(written);
+        } else if (errno == EAGAIN) {
+            pollfd output{fileno(out), POLLOUT, 0};
+            poll(&output, 1, pollPeriodMs);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Prints a received piece, which a zero byte follows; false when the output takes no more.
+bool printPiece(char* piece, std::size_t length, std::FILE* out) {
+    std::size_t printed = std::strlen(piece);
     if (piece[length - 1] == '\0')
-        std::fputc('\n', out);
-    return std::fflush(out) == 0;
+        piece[printed++] = '\n';
+    return writeOut(out, piece, printed);
 }
 
 } // namespace
 
 int sendRequest(const std::string& requestLine, std::FILE* out) {
-    blockBrokenPipe();
     const FileDescriptor socket = connectToDaemon();
     if (!socket.isOpen())
         return -1;

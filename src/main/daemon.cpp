@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -94,14 +95,15 @@ void mainLoop() {
 }
 
 void reportSignal(int number) {
-    for (const HandledSignal& handled : handledSignals) {
+    for (const HandledSignal& handled : handledSignals)
         if (handled.number == number)
             report(LOG_DEBUG, "Received signal %s.\n", handled.name);
-    }
 }
 
 // In the reverse of the order of creation: nothing outlives what it uses.
 [[noreturn]] void tearDown() {
+    // A further signal has nothing to add, and must not meet what exit() destroys.
+    blockSignals();
     reportSignal(stopRequest().signal());
     delete g_daemon.server;
     delete g_daemon.journal;

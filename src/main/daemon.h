@@ -6,8 +6,8 @@ class Journal;
 class Logger;
 class Server;
 
-/// The daemon's long-lived objects, in the order of their creation but for the server, which comes
-/// last. Each is set once during start-up; the teardown deletes them.
+/// The daemon's long-lived objects. They are created in the order logger, journal, server, each set
+/// once, and deleted by the teardown in the reverse order.
 struct DaemonObjects {
     Logger* logger;
     Server* server;

@@ -1,10 +1,30 @@
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "main/client.h"
 #include "main/daemon.h"
 
 namespace {
+
+// Sockets and files must not get the numbers that messages are printed to.
+void occupyStandardDescriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = open("/dev/null", O_RDWR);
+    if (descriptor > STDERR_FILENO)
+        close(descriptor);
+}
+
+// A peer or a reader that has just gone is an error of the call, not the end of the process.
+void blockBrokenPipe() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
 
 void becomeDaemon() {
     if (!qwk::isDaemonRunning())
@@ -20,6 +40,8 @@ void beClient(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardDescriptors();
+    blockBrokenPipe();
     if (argc == 1)
         becomeDaemon();
     else if (argc == 2 && std::strcmp(argv[1], "-h") == 0)

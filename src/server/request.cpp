@@ -36,7 +36,7 @@ Request parseRequest(char* text) {
     char* rest = nullptr;
     if (strtok_r(text, " ", &rest) == nullptr)
         return request;
-    while (const char* word = strtok_r(nullptr, " ", &rest)) {
+    while (const char* word = strtok_r(nullptr, " ", &rest))
         if (std::strcmp(word, "--clear") == 0)
             setOnce(request.clear, request);
         else if (std::strcmp(word, "-p") == 0)
@@ -49,7 +49,6 @@ Request parseRequest(char* text) {
             parseMaxsize(strtok_r(nullptr, "", &rest), request); // all that is left
         else
             request.parseError = true;
-    }
     return request;
 }
 

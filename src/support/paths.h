@@ -8,6 +8,7 @@ inline constexpr const char* configurationPath = "/etc/quillwick.conf";
 inline constexpr const char* logFolderPath = "/var/logperm";
 inline constexpr const char* logFilePath = "/var/logperm/larkspur.log";
 inline constexpr const char* newestRolledPath = "/var/logperm/larkspur.log.1";
+inline constexpr const char* journalFolderPath = "/run/log/journal";
 inline constexpr const char* eepromDevicePath = "/dev/i2c-2";
 
 /// 7-bit slave address of the FRAM chip on that bus.

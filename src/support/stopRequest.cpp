@@ -11,7 +11,8 @@
 namespace qwk {
 
 StopRequest::StopRequest() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    // Without it a signal still interrupts poll() on the main thread, so the daemon can go on.
+    // Without it a signal still interrupts a wait that it falls into; one that comes just before
+    // is seen after that wait only.
     if (!descriptor_.isOpen())
         report(LOG_ERR, "Cannot create event descriptor (%s).", errorText(errno).c_str());
 }

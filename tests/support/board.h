@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -44,10 +45,15 @@ public:
     void clearCache() override { recent.clear(); }
     bool isCacheFilled() override { return filled; }
     void lock() override { mutex_.lock(); }
-    void unlock() override { mutex_.unlock(); }
+    void unlock() override {
+        if (onUnlock)
+            onUnlock();
+        mutex_.unlock();
+    }
     bool isLocked() { return mutex_.try_lock() ? (mutex_.unlock(), false) : true; }
 
     std::uint32_t nextId = 0; // what the log file would say
+    std::function<void()> onUnlock;
     bool filled = false;
     std::vector<Line> written;
     std::vector<Line> recent;

@@ -27,17 +27,15 @@ struct FileActions {
 Descriptor openMemoryFile(const std::string& text) {
     Descriptor file(::memfd_create("stream", MFD_CLOEXEC));
     if (file.get() < 0 ||
-        ::pwrite(file.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        ::pwrite(file.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
         throw std::system_error(errno, std::generic_category(), "file in memory");
-    }
     return file;
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& strings) {
     std::vector<char*> pointers;
-    for (std::string& string : strings) {
+    for (std::string& string : strings)
         pointers.push_back(string.data());
-    }
     pointers.push_back(nullptr);
     return pointers;
 }
@@ -50,9 +48,8 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
     std::vector<std::string> arguments = {path};
     arguments.insert(arguments.end(), args.begin(), args.end());
     // Of two values for one name getenv() finds the first.
-    for (char** variable = environ; *variable != nullptr; ++variable) {
+    for (char** variable = environ; *variable != nullptr; ++variable)
         options.environment.emplace_back(*variable);
-    }
 
     FileActions actions;
     ::posix_spawn_file_actions_adddup2(&actions.value, input.get(), STDIN_FILENO);
@@ -65,9 +62,8 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
     const int error =
         ::posix_spawn(&pid_, path.c_str(), &actions.value, nullptr, pointersTo(arguments).data(),
                       pointersTo(options.environment).data());
-    if (error != 0) {
+    if (error != 0)
         throw std::system_error(error, std::generic_category(), path);
-    }
 }
 
 ChildProcess::~ChildProcess() {
@@ -79,17 +75,15 @@ ChildProcess::~ChildProcess() {
 }
 
 void ChildProcess::kill(int signal) {
-    if (!ending_) {
+    if (!ending_)
         ::kill(pid_, signal);
-    }
 }
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
     eventually(limit, [this] {
         int status = 0;
-        if (!ending_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+        if (!ending_ && ::waitpid(pid_, &status, WNOHANG) == pid_)
             ending_ = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-        }
         return ending_.has_value();
     });
     return ending_;
@@ -99,24 +93,23 @@ std::string ChildProcess::output() const {
     std::string text;
     char buffer[4096];
     ssize_t count = 0;
-    while ((count = ::pread(output_.get(), buffer, sizeof buffer,
-                            static_cast<off_t>(text.size()))) > 0) {
+    while ((count =
+                ::pread(output_.get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0)
         text.append(buffer, static_cast<std::size_t>(count));
-    }
     return text;
 }
 
 bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {
-    return eventually(limit, [&] { return output().find(text) != std::string::npos; });
+    return eventually(
+        limit, [&] { return output().find(text) != std::string::npos; });
 }
 
 RunResult run(const std::string& path, const std::vector<std::string>& args,
               const std::string& input, std::chrono::milliseconds limit) {
     ChildProcess child(path, args, {input, {}, true});
     const std::optional<int> ending = child.wait(limit);
-    if (!ending) {
+    if (!ending)
         throw std::runtime_error(path + " did not end in time; it wrote: " + child.output());
-    }
     return {*ending, child.output()};
 }
 

@@ -4,33 +4,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <sys/types.h>
-#include <unistd.h>
+
+#include "support/fileDescriptor.h"
 
 namespace testSupport {
 
-// Owner of a file descriptor; -1 stands for none.
-class Descriptor {
-public:
-    explicit Descriptor(int value = -1) : value_(value) {}
-    Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(value_, other.value_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (value_ >= 0) {
-            ::close(value_);
-        }
-    }
-    int get() const { return value_; }
-
-private:
-    int value_;
-};
+using Descriptor = qwk::FileDescriptor;
 
 struct ChildOptions {
     std::string input = {};                    // what the child reads from its standard input

@@ -94,9 +94,11 @@ protected:
     }
     // True once the daemon's newest text, or its log file, holds the text.
     bool arrives(const std::string& text) {
-        return eventually(30s, [&] {
-            return (client({"-g", "100000"}) + logFile()).find(text) != std::string::npos;
-        });
+        return eventually(
+            30s,
+            [&] {
+                return (client({"-g", "100000"}) + logFile()).find(text) != std::string::npos;
+            });
     }
 
     SyslogCapture syslog; // keeps the daemon's own messages out of the journal

@@ -30,9 +30,8 @@ void appendField(std::string& text, const std::string& name, const std::string& 
         return;
     }
     text += name + "\n";
-    for (unsigned shift = 0; shift < 64; shift += 8) {
+    for (unsigned shift = 0; shift < 64; shift += 8)
         text += static_cast<char>(std::uint64_t{value.size()} >> shift & 0xFFU);
-    }
     text += value + "\n";
 }
 
@@ -46,9 +45,8 @@ std::string bootId() {
 void mustSucceed(const std::string& path, const std::vector<std::string>& args,
                  const std::string& input = {}) {
     const RunResult result = run(path, args, input);
-    if (result.status != 0) {
+    if (result.status != 0)
         throw std::runtime_error(path + " failed: " + result.output);
-    }
 }
 
 } // namespace
@@ -63,9 +61,8 @@ void writeJournal(const std::vector<JournalEntry>& entries) {
         appendField(text, "__REALTIME_TIMESTAMP", std::to_string(entry.realtime));
         appendField(text, "__MONOTONIC_TIMESTAMP", std::to_string(++monotonic));
         appendField(text, "_BOOT_ID", boot);
-        for (const auto& [name, value] : entry.fields) {
+        for (const auto& [name, value] : entry.fields)
             appendField(text, name, value);
-        }
         text += "\n";
     }
     const fs::path directory = "/run/log/journal/" + readFile("/etc/machine-id").substr(0, 32);
@@ -107,9 +104,8 @@ Journald::~Journald() {
     daemon_->kill(SIGTERM);
     daemon_->wait(daemonLimit);
     std::error_code ignored;
-    if (fs::is_symlink("/dev/log", ignored)) {
+    if (fs::is_symlink("/dev/log", ignored))
         fs::remove("/dev/log", ignored);
-    }
 }
 
 void Journald::log(int priority, const std::string& identifier, const std::string& message) {
@@ -121,14 +117,11 @@ void Journald::log(int priority, const std::string& identifier, const std::strin
 
 void Journald::send(const JournalFields& fields) {
     std::string datagram;
-    for (const auto& [name, value] : fields) {
+    for (const auto& [name, value] : fields)
         appendField(datagram, name, value);
-    }
-    while (::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0) {
-        if (errno != EINTR) {
+    while (::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0)
+        if (errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "sending to the journal");
-        }
-    }
 }
 
 void Journald::sync() {

@@ -29,23 +29,19 @@ namespace {
 
 void mountOrFail(const fs::path& source, const fs::path& target, const char* type,
                  unsigned long flags) {
-    if (::mount(source.c_str(), target.c_str(), type, flags, nullptr) != 0) {
+    if (::mount(source.c_str(), target.c_str(), type, flags, nullptr) != 0)
         fail("mounting " + source.string() + " on " + target.string());
-    }
 }
 
 void createNamespaces() {
-    if (::unshare(CLONE_NEWNS | CLONE_NEWPID) == 0) {
+    if (::unshare(CLONE_NEWNS | CLONE_NEWPID) == 0)
         return;
-    }
-    if (errno != EPERM) {
+    if (errno != EPERM)
         fail("creating mount and PID namespaces");
-    }
     const std::string user = std::to_string(::geteuid());
     const std::string group = std::to_string(::getegid());
-    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0) {
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID) != 0)
         fail("creating a user namespace");
-    }
     writeFile("/proc/self/setgroups", "deny"); // the kernel's condition for a gid_map
     writeFile("/proc/self/uid_map", "0 " + user + " 1");
     writeFile("/proc/self/gid_map", "0 " + group + " 1");
@@ -56,9 +52,8 @@ void createNamespaces() {
     int status = 0;
     for (pid_t ended = 0; ended != child;) {
         ended = ::waitpid(-1, &status, 0);
-        if (ended < 0 && errno != EINTR) {
+        if (ended < 0 && errno != EINTR)
             std::_Exit(EXIT_FAILURE);
-        }
     }
     // No exit handlers: they belong to the process that ran the tests.
     std::_Exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
@@ -67,15 +62,12 @@ void createNamespaces() {
 // Returns in a child that dies with this process; this process itself does not return.
 void continueInChild() {
     const pid_t child = ::fork();
-    if (child < 0) {
+    if (child < 0)
         fail("forking");
-    }
-    if (child > 0) {
+    if (child > 0)
         exitLike(child);
-    }
-    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
         fail("binding the child's life to its parent's");
-    }
 }
 
 // A directory whose entries lead to those of the same directory under /host.
@@ -96,24 +88,21 @@ void composeRoot(const fs::path& root) {
         "/dev/i2c-2",          "/dev/kmsg",       "/tmp/quillwick"};
     const std::set<fs::path> composed = {"/etc", "/var", "/dev", "/tmp", "/run", "/proc"};
 
-    for (const fs::path name : {"etc", "var", "dev", "tmp"}) {
+    for (const fs::path name : {"etc", "var", "dev", "tmp"})
         linkEntries(root, name, absent);
-    }
-    for (const fs::path name : {"host", "run", "proc", "var/logperm"}) {
+    for (const fs::path name : {"host", "run", "proc", "var/logperm"})
         fs::create_directory(root / name);
-    }
     fs::permissions(root / "tmp", fs::perms::all | fs::perms::sticky_bit);
     writeFile(root / "etc/machine-id", "71756c6c776963b0a4e7465737473000\n");
     mountOrFail("/", root / "host", nullptr, MS_BIND | MS_REC);
     mountOrFail("proc", root / "proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
     for (const auto& entry : fs::directory_iterator("/")) {
         const fs::path target = root / entry.path().relative_path();
-        if (entry.is_symlink()) {
+        if (entry.is_symlink())
             fs::copy_symlink(entry.path(), target);
-        } else if (entry.is_directory() && composed.count(entry.path()) == 0 &&
-                   fs::create_directory(target)) {
+        else if (entry.is_directory() && composed.count(entry.path()) == 0 &&
+                 fs::create_directory(target))
             mountOrFail(entry.path(), target, nullptr, MS_BIND | MS_REC);
-        }
     }
 }
 
@@ -127,9 +116,8 @@ void changeRoot() {
     mountOrFail("none", root, nullptr, MS_UNBINDABLE);
     composeRoot(root);
     // A plain chroot, because pivot_root is refused where the old root is an initial ramdisk.
-    if (::chroot(root.c_str()) != 0) {
+    if (::chroot(root.c_str()) != 0)
         fail("changing the root directory");
-    }
     fs::current_path(workingDirectory);
 }
 
@@ -155,16 +143,14 @@ void enterSandbox() {
 void writeFile(const std::string& path, std::string_view text) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << text << std::flush;
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot write " + path);
-    }
 }
 
 std::string readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    if (!file)
         throw std::runtime_error("cannot read " + path);
-    }
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
@@ -173,9 +159,8 @@ std::string readFile(const std::string& path) {
 bool eventually(std::chrono::milliseconds limit, const std::function<bool()>& condition) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
+        if (std::chrono::steady_clock::now() >= end)
             return condition();
-        }
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
     }
     return true;

@@ -26,9 +26,8 @@ SyslogMessage parse(const std::string& datagram) {
     constexpr std::size_t dateLength = 16;
     const std::size_t date = datagram.find('>') + 1;
     const std::size_t separator = datagram.find(": ", date + dateLength);
-    if (datagram[0] != '<' || date == 0 || separator == std::string::npos) {
+    if (datagram[0] != '<' || date == 0 || separator == std::string::npos)
         return {-1, datagram};
-    }
     return {std::atoi(datagram.c_str() + 1), datagram.substr(separator + 2)};
 }
 
@@ -40,9 +39,8 @@ SyslogCapture::SyslogCapture() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLO
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     std::copy(std::begin(path), std::end(path), address.sun_path);
-    if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         throw std::system_error(errno, std::generic_category(), path);
-    }
     receiver_ = std::thread(&SyslogCapture::receive, this);
 }
 
@@ -58,12 +56,10 @@ void SyslogCapture::receive() {
     std::vector<char> buffer(1U << 18U);
     for (;;) {
         const ssize_t count = ::recv(socket_.get(), buffer.data(), buffer.size(), 0);
-        if (count < 0 && errno == EINTR) {
+        if (count < 0 && errno == EINTR)
             continue;
-        }
-        if (count <= 0) {
+        if (count <= 0)
             return;
-        }
         SyslogMessage message = parse({buffer.data(), static_cast<std::size_t>(count)});
         const std::lock_guard<std::mutex> lock(mutex_);
         messages_.push_back(std::move(message));
@@ -85,12 +81,16 @@ std::vector<SyslogMessage> SyslogCapture::take() {
 }
 
 bool SyslogCapture::waitFor(std::string_view text, std::chrono::milliseconds limit) {
-    return eventually(limit, [&] {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return std::any_of(messages_.begin(), messages_.end(), [&](const SyslogMessage& message) {
-            return message.text.find(text) != std::string::npos;
+    return eventually(
+        limit,
+        [&] {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            return std::any_of(
+                messages_.begin(), messages_.end(),
+                [&](const SyslogMessage& message) {
+                    return message.text.find(text) != std::string::npos;
+                });
         });
-    });
 }
 
 } // namespace testSupport

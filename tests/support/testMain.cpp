@@ -7,12 +7,10 @@
 int main(int argc, char** argv) {
     // The build lists the tests, too, and may do so where no sandbox can be had.
     bool listOnly = false;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         listOnly = listOnly || std::string_view(argv[i]) == "--gtest_list_tests";
-    }
-    if (!listOnly) {
+    if (!listOnly)
         testSupport::enterSandbox();
-    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -17,9 +17,8 @@ uint16_t wrapped(size_t address) {
 Transfer FramChip::write(const uint8_t* data, size_t length, uint64_t opener) {
     const std::lock_guard lock(mutex_);
     Transfer transfer{TransferKind::write, counter_, length, 0, 0, opener};
-    if (length >= addressBytes) {
+    if (length >= addressBytes)
         transfer.address = wrapped(static_cast<size_t>(data[0]) << 8 | data[1]);
-    }
 
     Plan plan = planTransfer(length);
     uint8_t overwritten = 0;
@@ -51,17 +50,14 @@ Transfer FramChip::read(uint8_t* data, size_t length, uint64_t opener) {
 
 FramChip::Plan FramChip::planTransfer(size_t length) {
     const uint64_t number = ++transfersEver_;
-    if (!answers(number)) {
+    if (!answers(number))
         return {0, -EREMOTEIO, false};
-    }
     Plan plan{length, 0, false};
-    if (const auto cut = cuts_.find(number); cut != cuts_.end()) {
+    if (const auto cut = cuts_.find(number); cut != cuts_.end())
         plan.bytes = std::min(plan.bytes, cut->second);
-    }
     plan.result = static_cast<int>(plan.bytes);
-    if (powerCut_) {
+    if (powerCut_)
         limitByPower(plan);
-    }
     return plan;
 }
 
@@ -104,9 +100,8 @@ void FramChip::finish(Transfer& transfer, const Plan& plan) {
     transfer.result = plan.result;
     ++transferCount_;
     wireBytes_ += plan.bytes;
-    if (recording_) {
+    if (recording_)
         record_.push_back(transfer);
-    }
 }
 
 Image FramChip::image() const {
@@ -136,18 +131,16 @@ void FramChip::cutTransfer(uint64_t number, size_t bytes) {
 
 void FramChip::cutPowerAfter(uint64_t bytes, TornByte torn, uint32_t seed) {
     const std::lock_guard lock(mutex_);
-    if (bytes == 0) {
+    if (bytes == 0)
         powered_ = false;
-    } else {
+    else
         powerCut_ = PowerCut{bytes, torn, std::mt19937(seed)};
-    }
 }
 
 void FramChip::powerOn() {
     const std::lock_guard lock(mutex_);
-    if (!powered_) {
+    if (!powered_)
         counter_ = 0;
-    }
     powered_ = true;
     powerCut_.reset();
 }

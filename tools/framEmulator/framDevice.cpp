@@ -42,9 +42,8 @@ public:
     /// Sleeps until start, slave address, `bytes` bytes with their acknowledge bits, and stop have
     /// passed.
     void sleepFor(size_t bytes) const {
-        if (clockHz_ == 0) {
+        if (clockHz_ == 0)
             return;
-        }
         const uint64_t clocks = 1 + 9 * (1 + static_cast<uint64_t>(bytes)) + 1;
         const uint64_t duration = clocks * nanosecondsPerSecond / clockHz_;
         timespec end = start_;
@@ -148,9 +147,8 @@ struct FramDevice::Operations {
         file->nonseekable = 1;
         file->noflush = 1; // a close never waits, not even one at the exit of our own process
         self.selectedSlaves_[file->fh] = 0;
-        if (::fuse_reply_open(request, file) != 0) {
+        if (::fuse_reply_open(request, file) != 0)
             self.selectedSlaves_.erase(file->fh); // the client is gone; no release will come
-        }
     }
 
     static void release(fuse_req_t request, fuse_ino_t, fuse_file_info* file) {
@@ -175,11 +173,10 @@ struct FramDevice::Operations {
         std::array<uint8_t, maxTransfer> data{};
         const Transfer done = device(request).transfer(file->fh, TransferKind::read, data.data(),
                                                        std::min(size, maxTransfer));
-        if (done.result < 0) {
+        if (done.result < 0)
             ::fuse_reply_err(request, -done.result);
-        } else {
+        else
             ::fuse_reply_buf(request, reinterpret_cast<const char*>(data.data()), done.transferred);
-        }
     }
 
     static void write(fuse_req_t request, fuse_ino_t, const char* bytes, size_t size, off_t,
@@ -189,11 +186,10 @@ struct FramDevice::Operations {
         std::copy_n(bytes, length, data.begin());
         const Transfer done =
             device(request).transfer(file->fh, TransferKind::write, data.data(), length);
-        if (done.result < 0) {
+        if (done.result < 0)
             ::fuse_reply_err(request, -done.result);
-        } else {
+        else
             ::fuse_reply_write(request, done.transferred);
-        }
     }
 
     static fuse_lowlevel_ops table() {
@@ -211,21 +207,19 @@ struct FramDevice::Operations {
 
 FramDevice::MountPoint::MountPoint(const std::string& path) {
     created_ = removeDeadMount(path);
-    const Descriptor created(::open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!created && errno != EEXIST) {
+    const qwk::FileDescriptor created(
+        ::open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!created.isOpen() && errno != EEXIST)
         failWithErrno("Cannot create the mount point " + path);
-    }
-    created_ = created_ || created;
+    created_ = created_ || created.isOpen();
     path_ = std::filesystem::canonical(path).string();
-    if (!std::filesystem::is_regular_file(path_)) {
+    if (!std::filesystem::is_regular_file(path_))
         throw std::runtime_error("The mount point " + path_ + " is not a regular file");
-    }
 }
 
 FramDevice::MountPoint::~MountPoint() {
-    if (created_) {
+    if (created_)
         static_cast<void>(::unlink(path_.c_str()));
-    }
 }
 
 void FramDevice::SessionEnd::operator()(fuse_session* session) const noexcept {
@@ -241,9 +235,8 @@ void FramDevice::SessionEnd::operator()(fuse_session* session) const noexcept {
 FramDevice::FramDevice(const std::string& path, FramChip& chip, DeviceOptions options)
     : chip_(chip), options_(std::move(options)), mountPoint_(path),
       stopEvent_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!stopEvent_) {
+    if (!stopEvent_.isOpen())
         failWithErrno("Cannot create an event descriptor");
-    }
     mount();
     const AllSignalsBlocked inheritedByThread;
     thread_ = std::thread(&FramDevice::serve, this);
@@ -261,32 +254,27 @@ void FramDevice::stop() noexcept {
 }
 
 void FramDevice::wait() {
-    if (thread_.joinable()) {
+    if (thread_.joinable())
         thread_.join();
-    }
 }
 
 void FramDevice::mount() {
-    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
+    if (::access("/dev/fuse", R_OK | W_OK) != 0)
         failWithErrno("Cannot use /dev/fuse, which the stand-in chip needs");
-    }
     MountArguments arguments;
     const fuse_lowlevel_ops operations = Operations::table();
     session_.reset(::fuse_session_new(&arguments.value, &operations, sizeof operations, this));
-    if (!session_) {
+    if (!session_)
         throw std::runtime_error("Cannot create a FUSE session");
-    }
-    if (::fuse_session_mount(session_.get(), mountPoint_.path().c_str()) != 0) {
+    if (::fuse_session_mount(session_.get(), mountPoint_.path().c_str()) != 0)
         throw std::runtime_error("Cannot mount a FUSE file over " + mountPoint_.path());
-    }
     session_.get_deleter().mountedAt = mountPoint_.path();
 
     // A request that its client withdraws between poll() and read() must not block us.
     const int connection = ::fuse_session_fd(session_.get());
     if (::fcntl(connection, F_SETFD, FD_CLOEXEC) != 0 ||
-        ::fcntl(connection, F_SETFL, O_NONBLOCK) != 0) {
+        ::fcntl(connection, F_SETFL, O_NONBLOCK) != 0)
         failWithErrno("Cannot set up the FUSE connection");
-    }
 }
 
 void FramDevice::serve() {
@@ -294,35 +282,30 @@ void FramDevice::serve() {
     pollfd sources[] = {{::fuse_session_fd(session_.get()), POLLIN, 0},
                         {stopEvent_.get(), POLLIN, 0}};
     while (::fuse_session_exited(session_.get()) == 0) {
-        if (::poll(sources, std::size(sources), -1) < 0) {
+        if (::poll(sources, std::size(sources), -1) < 0)
             continue; // EINTR is the only failure left: both descriptors are ours
-        }
-        if (sources[1].revents != 0) {
+        if (sources[1].revents != 0)
             return;
-        }
         const int received = ::fuse_session_receive_buf(session_.get(), &buffer.value);
-        if (received > 0) {
+        if (received > 0)
             ::fuse_session_process_buf(session_.get(), &buffer.value);
-        } else if (received != -EINTR && received != -EAGAIN) {
+        else if (received != -EINTR && received != -EAGAIN)
             return; // unmounted by somebody else
-        }
     }
 }
 
 Transfer FramDevice::transfer(uint64_t opener, TransferKind kind, uint8_t* data, size_t length) {
     const WireTime wireTime(options_.clockHz);
     Transfer done;
-    if (selectedSlaves_[opener] != options_.slaveAddress) {
+    if (selectedSlaves_[opener] != options_.slaveAddress)
         done = transferToNobody(opener, kind, length);
-    } else if (kind == TransferKind::read) {
+    else if (kind == TransferKind::read)
         done = chip_.read(data, length, opener);
-    } else {
+    else
         done = chip_.write(data, length, opener);
-    }
     wireTime.sleepFor(done.transferred);
-    if (options_.onTransfer) {
+    if (options_.onTransfer)
         options_.onTransfer(done);
-    }
     return done;
 }
 

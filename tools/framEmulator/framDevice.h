@@ -1,7 +1,7 @@
 #pragma once
 
-#include "framEmulator/descriptor.h"
 #include "framEmulator/framChip.h"
+#include "support/fileDescriptor.h"
 
 #include <cstdint>
 #include <functional>
@@ -83,7 +83,7 @@ private:
     FramChip& chip_;
     DeviceOptions options_;
     MountPoint mountPoint_;
-    Descriptor stopEvent_;
+    qwk::FileDescriptor stopEvent_;
     std::unique_ptr<fuse_session, SessionEnd> session_;
 
     // Used by thread_ only.

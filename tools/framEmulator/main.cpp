@@ -1,6 +1,6 @@
-#include "framEmulator/descriptor.h"
 #include "framEmulator/framChip.h"
 #include "framEmulator/framDevice.h"
+#include "support/fileDescriptor.h"
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -23,6 +23,7 @@
 namespace {
 
 using namespace framEmulator;
+using qwk::FileDescriptor;
 
 constexpr const char* usageText =
     "Usage: fram-emulator [OPTION]... DEVICE\n"
@@ -92,9 +93,8 @@ Settings parseCommandLine(int argc, char** argv) {
             throw UsageError("Unknown or incomplete option");
         }
     }
-    if (optind + 1 != argc) {
+    if (optind + 1 != argc)
         throw UsageError("Exactly one DEVICE is needed");
-    }
     settings.device = argv[optind];
     return settings;
 }
@@ -104,20 +104,18 @@ Settings parseCommandLine(int argc, char** argv) {
 class ImageFile {
 public:
     explicit ImageFile(const std::string& path) {
-        const Descriptor file = open(path);
+        const FileDescriptor file = open(path);
         struct stat attributes {};
-        if (::fstat(file.get(), &attributes) != 0) {
+        if (::fstat(file.get(), &attributes) != 0)
             failWithErrno("Cannot examine the image " + path);
-        }
         if (attributes.st_size != static_cast<off_t>(chipSize)) {
             throw std::runtime_error("The image " + path + " has " +
                                      std::to_string(attributes.st_size) + " bytes instead of " +
                                      std::to_string(chipSize));
         }
         mapping_ = ::mmap(nullptr, chipSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
-        if (mapping_ == MAP_FAILED) {
+        if (mapping_ == MAP_FAILED)
             failWithErrno("Cannot map the image " + path);
-        }
     }
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;
@@ -126,17 +124,16 @@ public:
     Image& memory() { return *static_cast<Image*>(mapping_); }
 
 private:
-    static Descriptor open(const std::string& path) {
-        Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-        if (!file && errno == ENOENT) {
-            file = Descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-            if (file && ::ftruncate(file.get(), static_cast<off_t>(chipSize)) != 0) {
+    static FileDescriptor open(const std::string& path) {
+        FileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+        if (!file.isOpen() && errno == ENOENT) {
+            file =
+                FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+            if (file.isOpen() && ::ftruncate(file.get(), static_cast<off_t>(chipSize)) != 0)
                 failWithErrno("Cannot extend the new image " + path);
-            }
         }
-        if (!file) {
+        if (!file.isOpen())
             failWithErrno("Cannot open the image " + path);
-        }
         return file;
     }
 
@@ -146,9 +143,8 @@ private:
 class Trace {
 public:
     explicit Trace(const std::string& path) : file_(std::fopen(path.c_str(), "we")) {
-        if (!file_) {
+        if (!file_)
             failWithErrno("Cannot write the trace " + path);
-        }
     }
 
     void operator()(const Transfer& transfer) {
@@ -183,9 +179,8 @@ public:
         servedDevice = &device;
         struct sigaction action {};
         action.sa_handler = [](int) { servedDevice.load()->stop(); };
-        for (const int signal : stopSignalNumbers) {
+        for (const int signal : stopSignalNumbers)
             ::sigaction(signal, &action, nullptr);
-        }
         const sigset_t signals = stopSignals();
         ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
@@ -199,18 +194,16 @@ private:
     static sigset_t stopSignals() {
         sigset_t signals;
         ::sigemptyset(&signals);
-        for (const int signal : stopSignalNumbers) {
+        for (const int signal : stopSignalNumbers)
             ::sigaddset(&signals, signal);
-        }
         return signals;
     }
 };
 
 void serve(const Settings& settings) {
     std::optional<ImageFile> image;
-    if (!settings.image.empty()) {
+    if (!settings.image.empty())
         image.emplace(settings.image);
-    }
     std::optional<Trace> trace;
     DeviceOptions options = settings.deviceOptions;
     if (!settings.trace.empty()) {
