@@ -129,5 +129,5 @@ TEST_F(ServerTest, endsAtAnyMomentWithClientsOfEveryKind) {
     std::printf(
         "%d shutdowns, the longest took %ld ms\n", rounds,
         static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(longest).count()));
-    EXPECT_LT(longest, 5s);
+    EXPECT_LT(longest, 900ms); // no wait lasts its full second
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <unistd.h>
 #include <utility>
 
@@ -75,8 +76,14 @@ void Logger::lock() {
 }
 
 void Logger::unlock() {
-    const std::vector<UnsyncedFile> written =
-        std::exchange(linesUnsynced_, false) ? filesToSync() : std::vector<UnsyncedFile>();
+    std::vector<UnsyncedFile> written;
+    if (std::exchange(linesUnsynced_, false)) {
+        try {
+            written = filesToSync();
+        } catch (const std::exception& error) { // the lock must be released all the same
+            report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
+        }
+    }
     mutex_.unlock();
     // Without the lock: no stream waits for the disk. Whoever flushes the FRAM does wait, and lets
     // go of its entries only then.

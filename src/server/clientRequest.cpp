@@ -1,7 +1,6 @@
 // One client's request, from its first byte to the end of its thread: the part of Server that a
 // client thread runs.
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>

@@ -3,9 +3,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
-#include <system_error>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/controlSocket.h"
@@ -41,6 +43,8 @@ Server::Server(Logger* logger) : logger_(logger) {
 
 bool Server::bindSocket(int socket) {
     const sockaddr_un address = controlSocketAddress();
+    // Only the daemon's user and root may connect; the path takes the socket's mode over.
+    static_cast<void>(fchmod(socket, S_IRUSR | S_IWUSR));
     // A killed daemon leaves its socket file behind.
     static_cast<void>(unlink(controlSocketPath));
     if (bind(socket, asSocketAddress(address), sizeof address) == 0)
@@ -53,23 +57,35 @@ bool Server::bindSocket(int socket) {
 }
 
 void Server::startAcceptThread() {
-    const std::lock_guard<std::mutex> held(clientsMutex_);
-    try {
-        acceptThread_ = std::make_unique<std::thread>(&Server::acceptLoop, this).release();
-    } catch (const std::system_error& error) {
-        report(LOG_ERR, "Cannot start accept thread (%s).", error.what());
+    std::string failure;
+    {
+        const std::lock_guard<std::mutex> held(clientsMutex_);
+        try {
+            acceptThread_ = std::make_unique<std::thread>(&Server::acceptLoop, this).release();
+        } catch (const std::exception& error) {
+            failure = error.what();
+        }
     }
+    if (!failure.empty())
+        report(LOG_ERR, "Cannot start accept thread (%s).", failure.c_str());
 }
 
 void Server::acceptLoop() {
     for (;;) {
-        pollfd listening{listenSocket_, POLLIN, 0};
-        const int ready = poll(&listening, 1, pollPeriodMs);
+        // Read once: the number stays open until this thread has ended, and a poll of it is woken
+        // by the stop, while a poll of -1 would last its full time.
         const int socket = listenSocket_;
         if (socket < 0)
             break;
-        if (ready == 1 && !acceptClient(socket))
+        pollfd listening{socket, POLLIN, 0};
+        const int ready = poll(&listening, 1, pollPeriodMs);
+        if (listenSocket_ < 0)
             break;
+        if (ready == 1 && !acceptClient(socket)) {
+            // Refused at once rather than queued for ever.
+            static_cast<void>(shutdown(socket, SHUT_RDWR));
+            break;
+        }
     }
     finishAcceptThread();
 }
@@ -80,23 +96,33 @@ bool Server::acceptClient(int listenSocket) {
     const int socket = accept4(listenSocket, asSocketAddress(address), &length, SOCK_CLOEXEC);
     if (socket < 0)
         return false;
+    const std::string failure = startClientThread(socket);
+    if (!failure.empty())
+        report(LOG_ERR, "Cannot serve client (%s).", failure.c_str());
+    return true;
+}
+
+std::string Server::startClientThread(int socket) {
     // Held over the start: the new thread finds its entry however soon it ends.
     const std::lock_guard<std::mutex> held(clientsMutex_);
     try {
         const auto entry = clients_.emplace(socket, nullptr).first;
         entry->second = std::make_unique<std::thread>(&Server::handleClient, this, socket);
+        return {};
     } catch (const std::exception& error) {
-        report(LOG_ERR, "Cannot serve client (%s).", error.what());
         clients_.erase(socket);
         static_cast<void>(close(socket));
+        return error.what();
     }
-    return true;
 }
 
 void Server::finishAcceptThread() {
+    // The destructor takes this lock once more before it ends, so nothing here outlives the server.
     const std::lock_guard<std::mutex> held(clientsMutex_);
-    const std::unique_ptr<std::thread> self(acceptThread_.load());
-    self->detach();
+    {
+        const std::unique_ptr<std::thread> self(acceptThread_.load());
+        self->detach();
+    }
     acceptThread_ = nullptr;
 }
 
@@ -126,8 +152,8 @@ void Server::endConnections() {
 
 void Server::wakeStreams() {
     const std::lock_guard<LogSink> held(*logger_);
-    logger_->addToCache(0, 0, 0, "");
     logger_->endStreams();
+    logger_->addToCache(0, 0, 0, "");
 }
 
 void Server::waitForClients() {

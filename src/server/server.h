@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "logger/logger.h"
@@ -27,7 +28,7 @@ public:
     Server& operator=(const Server&) = delete;
 
 private:
-    // Set-up; each reports its failure and returns false.
+    // Set-up; failures are reported.
     bool bindSocket(int socket);
     void startAcceptThread();
 
@@ -35,6 +36,8 @@ private:
     void acceptLoop();
     /// False when no further client can be accepted.
     bool acceptClient(int listenSocket);
+    /// Empty, or what failed; the socket is closed then.
+    std::string startClientThread(int socket);
     void finishAcceptThread();
 
     /// A client thread: serves one request, then closes and deregisters `socket`.
