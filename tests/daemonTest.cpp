@@ -2,6 +2,7 @@
 // chip to the log file, restarts, signals and what is missing.
 
 #include <regex>
+#include <sstream>
 #include <sys/ioctl.h>
 
 #include "support/daemon.h"
@@ -41,7 +42,28 @@ private:
     Descriptor listening_;
 };
 
-using DaemonTest = System;
+class DaemonTest : public System {
+protected:
+    // The daemon under a tracer of its system calls; ready when this returns.
+    std::unique_ptr<ChildProcess> traceDaemon(const std::string& calls,
+                                              std::vector<std::string> options) {
+        options.insert(options.end(), {"-f", "-y", "-e", "trace=" + calls, "-o", tracePath,
+                                       buildPath("quillwick")});
+        // The leak check needs the tracer's place.
+        auto process = std::make_unique<ChildProcess>(
+            "/usr/bin/strace", options, ChildOptions{{}, {"ASAN_OPTIONS=detect_leaks=0"}, false});
+        EXPECT_TRUE(eventually(30s, [] { return connectToDaemon().isOpen(); }));
+        return process;
+    }
+    static std::string endTraced(ChildProcess& tracer) {
+        const std::string tracerId = std::to_string(tracer.pid());
+        ::kill(std::stoi(readFile("/proc/" + tracerId + "/task/" + tracerId + "/children")),
+               SIGTERM);
+        EXPECT_EQ(tracer.wait(30s), 0);
+        return readFile(tracePath);
+    }
+    static constexpr const char* tracePath = "/tmp/trace";
+};
 
 // The messages of the lines "[number] time host test[pid]: message", in order.
 std::vector<std::string> messagesOf(const std::string& log, std::vector<unsigned long>& numbers) {
@@ -155,6 +177,79 @@ TEST_F(DaemonTest, killedDaemonsLoseNothingAndNumbersGoOn) {
             ASSERT_EQ(numbers[i], i);
         EXPECT_EQ(daemon.end(SIGKILL), -SIGKILL);
     }
+}
+
+TEST_F(DaemonTest, rotationVacuumAndBurstsLoseNothing) {
+    Daemon daemon;
+    std::vector<std::string> texts;
+    const auto logMore = [&](std::size_t count) {
+        const std::size_t from = texts.size();
+        for (std::size_t i = 0; i < count; ++i)
+            texts.push_back("number " + std::to_string(texts.size()));
+        log({texts.begin() + static_cast<std::ptrdiff_t>(from), texts.end()});
+    };
+    for (int round = 0; round < 30; ++round) {
+        logMore(100);
+        journald->rotate();
+        run("/usr/bin/journalctl", {"--vacuum-files=5"}); // of files that were read long ago
+    }
+    logMore(20000);
+    ASSERT_TRUE(arrives(texts.back()));
+    client({"-f"});
+    std::vector<unsigned long> numbers;
+    EXPECT_EQ(messagesOf(logFile(), numbers), texts);
+    EXPECT_EQ(daemon.end(), 0);
+}
+
+TEST_F(DaemonTest, withoutInotifyEntriesStillArriveAndTheProcessorRests) {
+    const auto tracing = traceDaemon("inotify_init1", {"--inject=inotify_init1:error=EMFILE"});
+    const std::string failure = "Failed to wait for changes: Too many open files";
+    ASSERT_TRUE(syslog.waitFor(failure, 20s));
+    for (int i = 0; i < 10; ++i) {
+        log({"entry " + std::to_string(i)});
+        EXPECT_TRUE(arrives("entry " + std::to_string(i)));
+    }
+    const auto texts = syslog.take();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [&](const SyslogMessage& message) { return message.text == failure; }),
+              1); // each would be an entry itself
+    const std::string trace = endTraced(*tracing);
+    const auto tries = std::count(trace.begin(), trace.end(), '\n');
+    EXPECT_GT(tries, 10);
+    EXPECT_LT(tries, 1000); // one in 100 ms
+}
+
+TEST_F(DaemonTest, linesAreOnStableStorageBeforeTheChipLetsThemGo) {
+    writeFile("/etc/quillwick.conf", "log4cplus.logsize=524288\n");
+    writeFile(qwk::logFilePath, std::string(524200, 'x') + '\n'); // rolls with the second line
+    const auto tracing = traceDaemon("write,fsync", {});
+    log({"one", "two", "three"});
+    ASSERT_TRUE(arrives("three"));
+    EXPECT_EQ(client({"-f"}), "");
+    EXPECT_EQ(client({"-f"}), ""); // writes nothing and syncs nothing
+    log({"four"});
+    ASSERT_TRUE(arrives("four"));
+    EXPECT_EQ(client({"-f"}), "");
+    // l: a line, s: a sync that succeeded, H: a header copy.
+    std::string order;
+    const std::string calls = endTraced(*tracing);
+    std::istringstream trace(calls);
+    for (std::string line; std::getline(trace, line);)
+        if (line.find("fsync(") != std::string::npos)
+            order += line.find("= 0") != std::string::npos ? 's' : '?';
+        else if (line.find("hdr1") != std::string::npos)
+            order += 'H';
+        else if (line.find(", \"[0000") != std::string::npos)
+            order += 'l';
+    EXPECT_EQ(order, "HHHHHH"
+                     "lll"
+                     "sss"
+                     "HH"
+                     "HH"
+                     "l"
+                     "s"
+                     "HH");
+    EXPECT_NE(calls.find("larkspur.log.1>"), std::string::npos);
 }
 
 TEST_F(DaemonTest, runsOnlyOnce) {

@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
+#include <set>
 #include <thread>
+#include <utility>
 
 #include "support/board.h"
 #include "support/paths.h"
@@ -371,6 +373,39 @@ TEST_F(EepromTest, aSlowReaderOfADumpHoldsNoLock) {
     std::fclose(out);
     draining.join();
     close(ends[0]);
+}
+
+TEST_F(EepromTest, operationsOfSeveralThreadsNeverMix) {
+    chip.clearRecord();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([this, thread] {
+            const std::unique_ptr<std::FILE, int (*)(std::FILE*)> nowhere(
+                std::fopen("/dev/null", "w"), std::fclose);
+            for (int i = 0; i < 300; ++i)
+                if (thread < 2)
+                    append(std::to_string(thread) + '.' + std::to_string(i) +
+                           std::string(200, '.'));
+                else if (thread == 2)
+                    i % 20 == 0 ? clear() : flush();
+                else
+                    use([&](qwk::Eeprom& eeprom) { return eeprom.hexDump(nowhere.get()); });
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    // Each object has an open of its own: all its transfers stand together.
+    std::set<std::uint64_t> ended;
+    std::uint64_t current = 0;
+    for (const auto& transfer : chip.record()) {
+        if (transfer.opener != current)
+            EXPECT_TRUE(ended.insert(std::exchange(current, transfer.opener)).second);
+        ASSERT_EQ(ended.count(current), 0U);
+    }
+    std::set<std::string> lines;
+    for (const Line& line : sink.written)
+        EXPECT_TRUE(lines.insert(line.message).second) << line;
+    EXPECT_FALSE(lines.empty());
 }
 
 TEST_F(EepromTest, withoutASinkTheChipStillWorks) {

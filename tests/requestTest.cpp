@@ -54,8 +54,7 @@ TEST(RequestTest, wordsBecomeActionsOrAParseError) {
         const qwk::Request request = qwk::parseRequest(text.data());
         EXPECT_EQ(request.parseError, one.parseError) << one.text;
         EXPECT_EQ(request.maxsize, one.maxsize) << one.text;
-        if (!one.parseError) {
+        if (!one.parseError)
             EXPECT_EQ(qwk::actionOf(request), one.action) << one.text;
-        }
     }
 }

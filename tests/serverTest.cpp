@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <random>
+#include <sys/mount.h>
 #include <thread>
 
 #include "support/daemon.h"
@@ -103,6 +104,77 @@ TEST_F(ServerTest, survivesWhatStandsAtItsPath) {
     daemon.kill(SIGTERM);
     EXPECT_EQ(daemon.wait(10s), 0);
     std::filesystem::remove(qwk::controlSocketPath);
+}
+
+TEST_F(ServerTest, storesEntriesWithoutRoomForTheLog) {
+    ASSERT_EQ(mount("none", "/var/logperm", "tmpfs", 0, "size=64k"), 0);
+    const auto mounted =
+        std::shared_ptr<void>(nullptr, [](void*) { umount2("/var/logperm", MNT_DETACH); });
+    writeFile("/var/logperm/filler", std::string(60000, 'f'));
+    const auto flushOne = [&](const std::string& text) {
+        log({text});
+        EXPECT_TRUE(arrives(text));
+        EXPECT_EQ(client({"-f"}), "");
+    };
+    {
+        Daemon daemon;
+        for (int i = 0; i < 100; ++i)
+            journald->log(3, "test", std::string(200, '.'));
+        flushOne("no room");
+        std::filesystem::remove("/var/logperm/filler");
+        int tries = 0; // the log file is opened again a second after it failed
+        EXPECT_TRUE(eventually(20s, [&] {
+            flushOne("room " + std::to_string(++tries));
+            return logFile().find("room " + std::to_string(tries)) != std::string::npos;
+        }));
+        EXPECT_EQ(daemon.end(), 0);
+    }
+    ASSERT_EQ(mount("none", "/var/logperm", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    Daemon readOnly;
+    flushOne("read-only");
+    EXPECT_TRUE(syslog.waitFor("log entries written, next", 10s));
+    EXPECT_EQ(readOnly.end(), 0);
+}
+
+TEST_F(ServerTest, servesOthersBesideHundredsOfIdleConnections) {
+    Daemon daemon;
+    std::vector<Descriptor> idle;
+    while (idle.size() < 500) {
+        idle.push_back(connectToDaemon());
+        ASSERT_TRUE(idle.back().isOpen());
+    }
+    log({"beside them"});
+    EXPECT_TRUE(arrives("beside them"));
+    EXPECT_EQ(daemon.end(), 0);
+}
+
+TEST_F(ServerTest, storesEntriesAfterItsDescriptorsWereUsedUp) {
+    ChildProcess daemon("/bin/sh", {"-c", "ulimit -n 30; exec " + buildPath("quillwick")});
+    ASSERT_TRUE(eventually(30s, [] { return connectToDaemon().isOpen(); }));
+    std::vector<Descriptor> idle;
+    ASSERT_TRUE(eventually(30s, [&] { // until it refuses: it accepts no more for good
+        idle.push_back(connectToDaemon());
+        return !idle.back().isOpen();
+    }));
+    EXPECT_EQ(client({"-f"}), "Cannot connect to server.\n");
+    log({"kept"});
+    idle.clear();
+    EXPECT_TRUE(eventually(20s, [&] {
+        const auto image = chip.image();
+        return std::string(image.begin(), image.end()).find("kept") != std::string::npos;
+    }));
+    daemon.kill(SIGTERM);
+    EXPECT_EQ(daemon.wait(10s), 0);
+}
+
+TEST_F(ServerTest, onlyItsUserMayConnect) {
+    const mode_t before = umask(0);
+    Daemon daemon;
+    umask(before);
+    struct stat status;
+    ASSERT_EQ(stat(qwk::controlSocketPath, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+    EXPECT_EQ(daemon.end(), 0);
 }
 
 // QUILLWICK_SHUTDOWNS sets how many.

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
-#include <unistd.h>
 #include <utility>
 
 #include <log4cplus/fileappender.h>
@@ -19,6 +18,7 @@ namespace qwk {
 
 Logger::Logger() {
     readConfiguration();
+    endTornLine();
     logger_ = std::make_unique<log4cplus::Logger>(log4cplus::Logger::getInstance("quillwick"));
     constexpr bool immediateFlush = true; // clients read the file as soon as a line is logged
     const log4cplus::SharedAppenderPtr appender(
@@ -76,10 +76,10 @@ void Logger::lock() {
 }
 
 void Logger::unlock() {
-    std::vector<UnsyncedFile> written;
+    StableFiles written;
     if (std::exchange(linesUnsynced_, false)) {
         try {
-            written = filesToSync();
+            written = storage_.filesToSync();
         } catch (const std::exception& error) { // the lock must be released all the same
             report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
         }
@@ -87,21 +87,8 @@ void Logger::unlock() {
     mutex_.unlock();
     // Without the lock: no stream waits for the disk. Whoever flushes the FRAM does wait, and lets
     // go of its entries only then.
-    for (const UnsyncedFile& file : written)
-        file.sync();
-}
-
-std::vector<UnsyncedFile> Logger::filesToSync() {
-    std::vector<UnsyncedFile> files;
-    files.emplace_back(logFilePath);
-    const std::uint64_t inode = files.front().inode();
-    if (inode != syncedInode_) {
-        syncedInode_ = inode;
-        if (access(newestRolledPath, F_OK) == 0)
-            files.emplace_back(newestRolledPath);
-        files.emplace_back(logFolderPath);
-    }
-    return files;
+    for (const auto& file : written)
+        file->sync();
 }
 
 void Logger::endStreams() {

@@ -129,11 +129,6 @@ private:
     /// Waits for an entry since the last delivery; true when streams are to end.
     bool waitForEntry(Stream& stream);
 
-    /// What has to be brought to stable storage after lines were written: the log file and, when it
-    /// is another file than before, its newest rolled copy and the folder. The caller holds the
-    /// lock, so that the names still stand for the files that were written.
-    std::vector<UnsyncedFile> filesToSync();
-
     // Constant after construction.
     std::unique_ptr<log4cplus::Logger> logger_;
     long logSize_ = 5242880;
@@ -153,9 +148,7 @@ private:
     bool streamsEnding_ = false;
     /// Lines were written since the lock was taken.
     bool linesUnsynced_ = false;
-    /// Inode of the log file that was synced last; 0 before. A new one tells of a roll: the rolled
-    /// file keeps its own, so the two never share a number.
-    std::uint64_t syncedInode_ = 0;
+    LogStorage storage_;
 };
 
 } // namespace qwk

@@ -22,7 +22,7 @@ constexpr std::size_t blockSize = 128;
 struct Block {
     off_t start = 0;
     std::size_t length = 0;
-    char bytes[blockSize + 1]; // room for a terminating zero byte
+    char bytes[blockSize];
 
     // Reads the block at the file's position, which is `position`. False at the end or on failure.
     bool readFrom(int fd, off_t position) {
@@ -149,10 +149,15 @@ int Logger::readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
         if (!seekTo(fd, start) || !block.readFrom(fd, start))
             return -1;
         for (std::size_t i = block.length; i-- > 0;) {
-            // No line behind a later newline is numbered, so only the one right here can be.
-            const off_t lineStart = start + static_cast<off_t>(i) + 1;
-            if (block.bytes[i] == '\n' && fitsOffset(lineStart) && numberBehind(fd, block, i, id)) {
-                offset = static_cast<std::uint32_t>(lineStart);
+            const off_t newline = start + static_cast<off_t>(i);
+            if (block.bytes[i] != '\n' || !fitsOffset(newline + 1))
+                continue;
+            // No line behind a later newline is numbered, so only the one right here can be: a look
+            // at it is all that readIdAt would do. At the file's start that looks at the newline
+            // itself as a line's first character, too.
+            std::uint32_t lineStart = 0;
+            if (newline == 0 ? readIdAt(fd, lineStart, id) == 0 : numberBehind(fd, block, i, id)) {
+                offset = newline == 0 ? lineStart : static_cast<std::uint32_t>(newline + 1);
                 return 0;
             }
         }
@@ -198,13 +203,13 @@ int Logger::findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLi
 
 int Logger::walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current,
                      std::uint32_t highest, std::uint32_t& offset) {
-    for (; current <= highest; ++from) {
-        if (readIdAt(fd, from, current) != 0)
-            return -1;
+    while (current <= highest && readIdAt(fd, from, current) == 0) {
         if (current == id) {
             offset = from;
             return 0;
         }
+        if (++from == 0) // the end of what an offset can name
+            break;
     }
     return -1;
 }

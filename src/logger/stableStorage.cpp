@@ -1,28 +1,54 @@
 #include "logger/stableStorage.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
 #include "support/diagnostics.h"
+#include "support/paths.h"
 
 namespace qwk {
 
-UnsyncedFile::UnsyncedFile(std::string path)
-    : path_(std::move(path)), file_(openForReading(path_.c_str())),
-      openError_(file_.isOpen() ? 0 : errno) {}
+StableFile::StableFile(std::string path)
+    : path_(std::move(path)), file_(openForReading(path_.c_str())) {}
 
-std::uint64_t UnsyncedFile::inode() const {
-    struct stat status;
-    return file_.isOpen() && fstat(file_.get(), &status) == 0 ? status.st_ino : 0;
+bool StableFile::isCurrent() const {
+    struct stat opened;
+    struct stat named;
+    return file_.isOpen() && fstat(file_.get(), &opened) == 0 && stat(path_.c_str(), &named) == 0 &&
+           opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
 }
 
-void UnsyncedFile::sync() const {
-    if (file_.isOpen() && fsync(file_.get()) == 0)
-        return;
-    const int error = file_.isOpen() ? errno : openError_;
-    report(LOG_ERR, "Cannot sync \"%s\" (%s).", path_.c_str(), errorText(error).c_str());
+void StableFile::sync() const {
+    if (retryOnInterrupt([&] { return fsync(file_.get()); }) != 0)
+        report(LOG_ERR, "Cannot sync \"%s\" (%s).", path_.c_str(), errorText(errno).c_str());
+}
+
+StableFiles LogStorage::filesToSync() {
+    if (logFile_ && logFile_->isCurrent())
+        return {logFile_};
+    // The first lines of this process, or a roll since the last ones.
+    StableFiles files;
+    if (logFile_)
+        files.push_back(std::move(logFile_));
+    logFile_ = std::make_shared<const StableFile>(logFilePath);
+    files.push_back(logFile_);
+    if (!folder_)
+        folder_ = std::make_shared<const StableFile>(logFolderPath);
+    files.push_back(folder_);
+    return files;
+}
+
+void endTornLine() {
+    const FileDescriptor file(
+        retryOnInterrupt([] { return open(logFilePath, O_RDWR | O_APPEND | O_CLOEXEC); }));
+    char last = '\n';
+    // Where this fails, opening the log file fails, too, and is reported there.
+    if (file.isOpen() && lseek(file.get(), -1, SEEK_END) >= 0 &&
+        readSome(file.get(), &last, 1) == 1 && last != '\n')
+        static_cast<void>(!write(file.get(), "\n", 1));
 }
 
 } // namespace qwk

@@ -7,7 +7,6 @@ inline constexpr const char* controlSocketPath = "/tmp/quillwick";
 inline constexpr const char* configurationPath = "/etc/quillwick.conf";
 inline constexpr const char* logFolderPath = "/var/logperm";
 inline constexpr const char* logFilePath = "/var/logperm/larkspur.log";
-inline constexpr const char* newestRolledPath = "/var/logperm/larkspur.log.1";
 inline constexpr const char* journalFolderPath = "/run/log/journal";
 inline constexpr const char* eepromDevicePath = "/dev/i2c-2";
 
