@@ -286,7 +286,7 @@ protected:
         if (flush() == 0) {
             load();
             const std::vector<std::string> texts = said();
-            ASSERT_EQ(texts.back(), "0 log entries read from cache.");
+            ASSERT_EQ(texts.back(), "info: 0 log entries read from cache.");
         }
         append("after");
         ASSERT_EQ(sink.recent.back().message, "after");

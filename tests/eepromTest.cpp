@@ -28,7 +28,7 @@ const Bytes oneEntryHeader = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x38, 0x
 const Bytes helloRecord = {0x6C, 0x6F, 0x67, 0x31, 0x00, 0x14, 0x06, 0x00, 0x06, 0x0A,
                            0x24, 0x18, 0x1E, 0x40, 0x00, 0x68, 0x65, 0x6C, 0x6C, 0x6F};
 constexpr std::uint64_t helloTime = 1700000000000000;
-constexpr char uninitialised[] = "Header of FRAM cache either invalid or uninitialised.";
+constexpr char uninitialised[] = "warning: Header of FRAM cache either invalid or uninitialised.";
 
 class EepromTest : public Board {
 protected:
@@ -101,7 +101,7 @@ TEST_F(EepromTest, aNewChipContinuesTheLogFile) {
     EXPECT_EQ(flush(), 0);
     EXPECT_EQ(sink.written, (std::vector<Line>{{0x2A, "first"}, {0x2B, "second"}}));
     EXPECT_EQ(said(), std::vector<std::string>{
-                          "2 log entries written, next sequence number is [0000002c]."});
+                          "info: 2 log entries written, next sequence number is [0000002c]."});
     EXPECT_TRUE(sink.recent.empty());
 }
 
@@ -161,7 +161,7 @@ TEST_F(EepromTest, theFirstObjectOfAProcessLoadsTheChip) {
     said();
     load();
     EXPECT_EQ(sink.recent, (std::vector<Line>{{0, "one"}, {1, "two"}}));
-    EXPECT_EQ(said(), std::vector<std::string>{"2 log entries read from cache."});
+    EXPECT_EQ(said(), std::vector<std::string>{"info: 2 log entries read from cache."});
     use([](qwk::Eeprom&) {}); // the buffer is filled: nothing is loaded twice
     EXPECT_EQ(sink.recent.size(), 2U);
     EXPECT_TRUE(said().empty());
@@ -252,10 +252,10 @@ TEST_F(EepromTest, damageIsReportedAndEndsWithTheNextFlush) {
             EXPECT_EQ(texts[i], wrong.diagnostics[i]);
         EXPECT_EQ(flush(), 0);
         EXPECT_EQ(sink.written.size(), wrong.usable);
-        EXPECT_EQ(said().back(), std::to_string(wrong.usable) +
+        EXPECT_EQ(said().back(), "info: " + std::to_string(wrong.usable) +
                                      " log entries written, next sequence number is [00000002].");
         load();
-        EXPECT_EQ(said(), std::vector<std::string>{"0 log entries read from cache."});
+        EXPECT_EQ(said(), std::vector<std::string>{"info: 0 log entries read from cache."});
     }
 }
 
@@ -326,6 +326,90 @@ TEST_F(EepromTest, transfersAreExactlyThoseThatTheWorkNeeds) {
             EXPECT_EQ(record[i].address, one.transfers[i].address) << i;
             EXPECT_EQ(record[i].requested, one.transfers[i].length) << i;
         }
+    }
+}
+
+TEST_F(EepromTest, decodedEntriesAreWhatWasAppended) {
+    append("hello", 6, helloTime);
+    append(std::string("up to\0here", 10), -1, UINT64_MAX);
+    load();
+    flush();
+    const std::vector<Line>& lines = sink.written;
+    EXPECT_EQ(lines, (std::vector<Line>{{0, "hello"}, {1, "up to"}}));
+    EXPECT_EQ(lines[0].priority, 6);
+    EXPECT_EQ(lines[0].time, helloTime);
+    EXPECT_EQ(lines[1].priority, 255); // one byte of it is kept
+    EXPECT_EQ(lines[1].time, UINT64_MAX);
+}
+
+TEST_F(EepromTest, whatFailsIsToldAndLeavesTheRest) {
+    struct Case {
+        const char* name;
+        std::function<void()> arrange;
+        std::function<int()> work;
+        int result;
+        std::vector<std::string> diagnostics;
+        std::uint32_t endAfter; // by header copy 1
+    };
+    const auto failLast = [&](std::uint64_t count, std::function<int()> work) {
+        const auto before = chip.image();
+        chip.clearRecord();
+        work();
+        chip.setImage(before);
+        sink.written.clear();
+        said();
+        chip.failTransfer(chip.transferCount() - count + 1);
+    };
+    const auto flushing = [&] { return flush(); };
+    const auto clearing = [&] { return clear(); };
+    const auto appending = [&] { return append("next"), 0; };
+    const std::string notWritten = " at address 0 failed.";
+    const Case cases[] = {
+        {"reset of copy 0",
+         [&] { failLast(2, flushing); },
+         flushing,
+         -1,
+         {"info: 1 log entries written, next sequence number is [00000001].",
+          "Writing of 18 bytes" + notWritten, "Cannot write headers."},
+         56},
+        {"copy 0 of an append",
+         [&] { failLast(2, appending); },
+         appending,
+         0,
+         {"Writing of 18 bytes" + notWritten, "Writing log to FRAM cache failed."},
+         56},
+        {"clear",
+         [&] { failLast(3, clearing); },
+         clearing,
+         -1,
+         {"Writing of 8192 bytes" + notWritten, "Clearing of FRAM failed."},
+         56},
+        {"flush without a header", [&] { chip.setImage({}); }, flushing, -1, {}, 0},
+        {"a count without entries",
+         [&] { useHeader(36, 7, 9); },
+         flushing,
+         0,
+         {"info: 0 log entries written, next sequence number is [00000009]."},
+         36},
+        {"the header's count is told",
+         [&] { useHeader(56, 7, 9); },
+         [&] { return load(), 0; },
+         0,
+         {"info: 7 log entries read from cache."},
+         56},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.name);
+        useEmptyCache(oneEntryHeader);
+        poke(36, helloRecord);
+        one.arrange();
+        said();
+        sink.recent = {{0, "hello"}};
+        EXPECT_EQ(one.work(), one.result);
+        EXPECT_EQ(said(), one.diagnostics);
+        EXPECT_EQ(bytes(headerSize + 7, 1)[0], one.endAfter);
+        EXPECT_TRUE(one.result == 0 || sink.recent.empty());
+        chip.clearFaults();
     }
 }
 

@@ -248,10 +248,6 @@ int Eeprom::writeLogEntry(std::uint32_t address, std::int32_t priority, const st
                : 0;
 }
 
-std::uint32_t Eeprom::entrySize(const std::string& message) {
-    return framLayout::entrySize(message);
-}
-
 template<typename Visit>
 bool Eeprom::walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited,
                          Visit visit) {

@@ -32,7 +32,7 @@ public:
     ~Eeprom() override = default;
 
     /// Stores one entry, flushing the cache before when it has no room. What fails is reported; the
-    /// entry is then in the recent-entry buffer only.
+    /// entry is then in the recent-entry buffer only, unless header copy 0 was written.
     void append(std::int32_t priority, const std::uint64_t& time, const std::string& message);
 
     /// Hands every entry to the sink, oldest first, and empties the cache. Returns 0, or -1 when
@@ -42,7 +42,8 @@ public:
     /// Writes zeros over the chip and empties the recent-entry buffer; 0 or -1.
     int clear();
 
-    /// Prints the chip to `out` as the base does. A slow reader of `out` delays nobody else.
+    /// Prints the chip to `out` as the base does, and reads it under the chip lock, which the base
+    /// does not know. A slow reader of `out` delays nobody else.
     int hexDump(std::FILE* out);
 
 private:
@@ -54,7 +55,8 @@ private:
     int flushLocked();
     int resetHeaders(std::uint32_t nextId);
 
-    /// Reads the record at `address` into `buffer`; 0, or -1 when its length is impossible.
+    /// Reads the record at `address` into `buffer`; 0, or -1 when its length is impossible or a
+    /// transfer fails.
     int readKlv(std::uint32_t address);
     /// 0 and the values of header copy 0 or 1 when that copy is valid, else -1.
     int checkHeader(int copy, framLayout::Header& header);
@@ -63,11 +65,10 @@ private:
     int writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
     /// Copy 0 and, only when that succeeded, copy 1; 0 or -1.
     int writeHeaders(std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
-    /// 0 with `entry` and the record's `length`, or -1 when there is no whole entry at `address`.
+    /// 0 with `entry` and the record's `length`, or -1 when there is no usable entry there.
     int readLogEntry(std::uint32_t address, framLayout::Entry& entry, std::uint32_t& length);
     int writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
                       const std::string& message);
-    static std::uint32_t entrySize(const std::string& message);
 
     /// Calls visit(sequence number, entry) for each record; `visited` counts them. True when the
     /// chain of records ends exactly at `end`.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <syslog.h>
 #include <vector>
 
 #include "eeprom/eeprom.h"
@@ -23,6 +24,8 @@ using namespace std::chrono_literals;
 struct Line {
     std::uint32_t id;
     std::string message;
+    std::int32_t priority = 0; // this and the next do not count in a comparison
+    std::uint64_t time = 0;
     bool operator==(const Line& other) const { return id == other.id && message == other.message; }
     friend std::ostream& operator<<(std::ostream& out, const Line& line) {
         return out << '[' << line.id << "] " << line.message;
@@ -33,17 +36,25 @@ struct Line {
 class RecordingSink : public qwk::LogSink {
 public:
     void nextSequenceNumber(std::uint32_t& next) override { next = nextId; }
-    void sink(std::uint32_t id, std::int32_t, const std::uint64_t&,
+    void sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
               const std::string& message) override {
-        written.push_back({id, message});
+        EXPECT_TRUE(isLocked());
+        written.push_back({id, message, priority, time});
     }
-    void addToCache(std::uint32_t id, std::int32_t, const std::uint64_t&,
+    void addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
                     const std::string& message) override {
-        recent.push_back({id, message});
+        EXPECT_TRUE(isLocked());
+        recent.push_back({id, message, priority, time});
         filled = true;
     }
-    void clearCache() override { recent.clear(); }
-    bool isCacheFilled() override { return filled; }
+    void clearCache() override {
+        EXPECT_TRUE(isLocked());
+        recent.clear();
+    }
+    bool isCacheFilled() override {
+        EXPECT_TRUE(isLocked());
+        return filled;
+    }
     void lock() override { mutex_.lock(); }
     void unlock() override {
         if (onUnlock)
@@ -101,11 +112,17 @@ protected:
         std::copy(values.begin(), values.end(), image.begin() + static_cast<std::ptrdiff_t>(at));
         chip.setImage(image);
     }
-    // The diagnostics since the last call.
+    // The diagnostics since the last call, with their severity unless they are errors.
     std::vector<std::string> said() {
         std::vector<std::string> texts;
-        for (const SyslogMessage& message : syslog.take())
-            texts.push_back(message.text);
+        for (const SyslogMessage& message : syslog.take()) {
+            const int severity = message.priority - LOG_DAEMON;
+            const std::string prefix = severity == LOG_ERR       ? ""
+                                       : severity == LOG_WARNING ? "warning: "
+                                       : severity == LOG_INFO    ? "info: "
+                                                                 : "unexpected severity: ";
+            texts.push_back(prefix + message.text);
+        }
         return texts;
     }
 
