@@ -10,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -213,46 +214,59 @@ TEST_F(JournalTest, failuresOfTheJournalAreReportedAndPass) {
 }
 
 TEST_F(JournalTest, entriesAreReadAsTheyArrive) {
-    Journald journald;
+    std::filesystem::remove_all("/run/log");
+    std::optional<Journald> journald;
     qwk::Journal journal(4);
-    // After the journal was found to have nothing new, and before its changes are watched.
-    beforeWatching = [&] {
-        journald.log(3, "late", "hidden");
-        journald.sync();
-    };
-    EXPECT_EQ(readMessage(journal), "hidden");
-    EXPECT_FALSE(beforeWatching);
     for (int i = 0; i < 4; ++i) {
         looksInVain = 0;
         auto reading = std::async(
             std::launch::async, [&] { return readMessage(journal); });
         EXPECT_TRUE(eventually(20s, [] { return looksInVain > 0; }));
         EXPECT_EQ(reading.wait_for(0s), std::future_status::timeout);
+        if (i == 0)
+            journald.emplace(); // only now is there a journal
         if (i == 2)
-            journald.rotate(); // the next entry is in a new file
-        journald.log(4, "sender", std::to_string(i));
+            journald->rotate(); // the next entry is in a new file
+        journald->log(4, "sender", std::to_string(i));
         if (reading.wait_for(20s) != std::future_status::ready)
             qwk::stopRequest().request(SIGTERM); // the test has failed; let it end
         ASSERT_EQ(reading.get(), std::to_string(i));
     }
+    // After another reader found nothing more, and before it watches for changes.
+    beforeWatching = [&] {
+        journald->log(3, "late", "hidden");
+        journald->sync();
+    };
+    qwk::Journal another(4);
+    for (const char* word : {"0", "1", "2", "3", "hidden"})
+        EXPECT_EQ(readMessage(another), word);
+    EXPECT_FALSE(beforeWatching);
     EXPECT_TRUE(said().empty());
 }
 
 // The last test, because the request stands for the rest of the process.
-TEST_F(JournalTest, aStopEndsTheWaitAlsoWithoutAnyJournal) {
+TEST_F(JournalTest, aStopEndsEveryWait) {
+    const auto readInThread = [](qwk::Journal& journal) {
+        return std::async(std::launch::async, [&] { return read(journal); });
+    };
+    qwk::Journal empty(4);
+    auto waiting = readInThread(empty);
+    EXPECT_TRUE(eventually(
+        20s, [] { return looksInVain == 2; })); // before and behind the watch
+    EXPECT_FALSE(eventually(100ms, [] { return looksInVain > 2; })) << "a busy loop";
     std::filesystem::remove_all("/run/log");
-    qwk::Journal journal(4);
-    auto reading = std::async(std::launch::async, [&] { return read(journal); });
-    // Once before the watch began, and once with it.
-    EXPECT_TRUE(eventually(20s, [] { return looksInVain == 2; }));
-    EXPECT_EQ(reading.wait_for(0s), std::future_status::timeout);
+    qwk::Journal missing(4);
+    auto waitingForFolder = readInThread(missing);
+    EXPECT_TRUE(eventually(20s, [] { return looksInVain > 2; }));
+    EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
+    EXPECT_EQ(waitingForFolder.wait_for(0s), std::future_status::timeout);
     qwk::stopRequest().request(SIGTERM);
-    EXPECT_EQ(reading.get(), "failed");
-    EXPECT_EQ(looksInVain, 2); // no busy loop
+    EXPECT_EQ(waiting.get(), "failed");
+    EXPECT_EQ(waitingForFolder.get(), "failed");
     EXPECT_TRUE(said().empty());
 
     writeJournal({{firstStamp, entry("3", "kept")}});
-    qwk::Journal another(4);
-    EXPECT_EQ(read(another), "<3>kept");
-    EXPECT_EQ(read(another), "failed");
+    qwk::Journal filled(4);
+    EXPECT_EQ(read(filled), "<3>kept");
+    EXPECT_EQ(read(filled), "failed");
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <fstream>
 #include <optional>
 #include <unistd.h>
 #include <vector>
@@ -15,8 +16,14 @@ namespace {
 
 const std::string path = "/var/logperm/searched.log";
 
-using Offset = std::optional<std::uint32_t>;
-using Place = std::optional<std::pair<std::uint32_t, std::uint32_t>>; // a line's start and number
+constexpr std::uint32_t untouched = 0x5A5A5A5A;
+
+// The start and number of a line that was found, or that there is none.
+using Place = std::optional<std::pair<std::uint32_t, std::uint32_t>>;
+
+Place at(std::size_t offset, std::uint32_t id = untouched) {
+    return {{static_cast<std::uint32_t>(offset), id}};
+}
 
 class SequenceIndexTest : public LogTest {
 protected:
@@ -27,50 +34,38 @@ protected:
         writeFile(path, text);
         useFile(path);
     }
-    // Each operation's find; nothing on failure, which must leave the arguments as they are.
-    Place readIdAt(std::uint32_t from) {
+    // What an operation finds. A failed one must leave its arguments as they are.
+    template<typename Operation>
+    Place find(Operation operation, std::uint32_t from = untouched) {
         std::uint32_t offset = from;
         std::uint32_t id = untouched;
-        const int result = logger.readIdAt(file.get(), offset, id);
-        return place(result, offset, id, from);
+        const int result = operation(offset, id);
+        if (result == 0)
+            return at(offset, id);
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(offset, from);
+        EXPECT_EQ(id, untouched);
+        return {};
+    }
+    Place readIdAt(std::uint32_t from) {
+        return find([&](auto& offset, auto& id) { return logger.readIdAt(file.get(), offset, id); },
+                    from);
     }
     Place readLastId() {
-        std::uint32_t offset = untouched;
-        std::uint32_t id = untouched;
-        const int result = logger.readLastId(file.get(), offset, id);
-        return place(result, offset, id, untouched);
+        return find(
+            [&](auto& offset, auto& id) { return logger.readLastId(file.get(), offset, id); });
+    }
+    template<typename... Text> // a path, or bytes and their number
+    Place findId(std::uint32_t wanted, const Text&... text) {
+        return find([&](auto& offset, auto&) { return logger.findId(text..., wanted, offset); });
     }
     template<typename... Text>
-    Offset findId(std::uint32_t id, const Text&... text) {
-        std::uint32_t offset = untouched;
-        const int result = logger.findId(text..., id, offset);
-        return found(result, offset, untouched);
-    }
-    template<typename... Text>
-    Offset findNextLine(std::uint32_t from, const Text&... text) {
-        std::uint32_t offset = from;
-        const int result = logger.findNextLine(text..., offset);
-        return found(result, offset, from);
+    Place findNextLine(std::uint32_t from, const Text&... text) {
+        return find([&](auto& offset, auto&) { return logger.findNextLine(text..., offset); },
+                    from);
     }
 
     Descriptor file;
-
-private:
-    static constexpr std::uint32_t untouched = 0x5A5A5A5A;
-
-    static Offset found(int result, std::uint32_t offset, std::uint32_t before) {
-        if (result == 0)
-            return offset;
-        EXPECT_EQ(result, -1);
-        EXPECT_EQ(offset, before);
-        return std::nullopt;
-    }
-    static Place place(int result, std::uint32_t offset, std::uint32_t id, std::uint32_t before) {
-        if (found(result, offset, before))
-            return {{offset, id}};
-        EXPECT_EQ(id, untouched);
-        return std::nullopt;
-    }
 };
 
 // A log file's text and the start and number of each of its lines.
@@ -107,17 +102,15 @@ TEST_F(SequenceIndexTest, findsWhatALookThroughTheTextFinds) {
         const auto& [text, lines] = log;
         const int size = static_cast<int>(text.size());
         useText(text);
-        EXPECT_EQ(readLastId(), lines.size() < 2 ? Place() : Place(lines.back()));
+        EXPECT_EQ(readLastId(), lines.size() < 2 ? Place() : lines.back());
         for (std::uint32_t from = 0; from <= text.size() + 1 && !HasFailure(); ++from) {
             SCOPED_TRACE(from);
             const auto line = std::find_if(lines.begin(), lines.end(), [&](const auto& candidate) {
                 return candidate.first > from || candidate.first + from == 0;
             });
-            EXPECT_EQ(readIdAt(from), line == lines.end() ? Place() : Place(*line));
+            EXPECT_EQ(readIdAt(from), line == lines.end() ? Place() : *line);
             const std::size_t newline = text.find('\n', from);
-            const Offset next = newline == std::string::npos
-                                    ? Offset()
-                                    : Offset(static_cast<std::uint32_t>(newline) + 1);
+            const Place next = newline == std::string::npos ? Place() : at(newline + 1);
             EXPECT_EQ(findNextLine(from, path), next);
             EXPECT_EQ(findNextLine(from, text.data(), size), next);
         }
@@ -127,7 +120,7 @@ TEST_F(SequenceIndexTest, findsWhatALookThroughTheTextFinds) {
         for (const std::uint32_t id : wanted) {
             const auto line = std::find_if(lines.begin(), lines.end(),
                                            [&](const auto& known) { return known.second == id; });
-            const Offset expected = line == lines.end() ? Offset() : Offset(line->first);
+            const Place expected = line == lines.end() ? Place() : at(line->first);
             EXPECT_EQ(findId(id, path), expected) << id;
             EXPECT_EQ(findId(id, text.data(), size), expected) << id;
         }
@@ -137,35 +130,30 @@ TEST_F(SequenceIndexTest, findsWhatALookThroughTheTextFinds) {
 TEST_F(SequenceIndexTest, theLastLineIsFoundAtAnyDistanceFromTheEnd) {
     for (const char* ending : {"", "\n", "\n\tcontinued\n\n"}) {
         for (std::size_t length = 10; length < 300; ++length) {
-            std::string text = std::string(length, '0') + '\n'; // the first line's number is 0
-            for (const char* tag : {"[00000007]", "[00000008]"})
-                text += tag + std::string(length - 10, 'x') + (tag[8] == '8' ? ending : "\n");
-            useText(text);
-            const auto last = static_cast<std::uint32_t>(2 * length + 2);
-            EXPECT_EQ(readLastId(), Place({last, 8U})) << length;
-            EXPECT_EQ(findId(7, path), Offset(last / 2)) << length;
+            const std::string rest(length - 10, 'x');
+            useText("[00000006]" + rest + "\n[00000007]" + rest + "\n[00000008]" + rest + ending);
+            EXPECT_EQ(readLastId(), at(2 * length + 2, 8)) << length;
+            EXPECT_EQ(findId(7, path), at(length + 1)) << length;
         }
     }
 }
 
 TEST_F(SequenceIndexTest, eightCharactersCountWhenTheyReadAsOneNumber) {
-    const std::pair<std::string, Offset> cases[] = {
+    const std::pair<std::string, std::optional<std::uint32_t>> cases[] = {
         {"[0000002a]", 0x2A}, {"[0000002A]", 0x2A},       {"?fffffffe?", 0xFFFFFFFE},
         {"[  0000ab]", 0xAB}, {"[\t\v\f\r 0ab]", 0xAB},   {"[+000000a]", 0xA},
         {"[0x00001f]", 0x1F}, {"[-0000001]", 0xFFFFFFFF}, {"[0000002g]", {}},
         {"[2a      ]", {}},   {"[        ]", {}},         {"[0x      ]", {}},
         {"[--00000a]", {}},   {"[000002a]]", {}},         {std::string("[0000\0002a]", 10), {}},
-        {"[000002a", {}},
-    };
+        {"[000002a", {}}};
     for (const auto& [line, id] : cases) {
         SCOPED_TRACE(line);
         useText(line);
-        EXPECT_EQ(readIdAt(0), id ? Place({0U, *id}) : Place());
+        EXPECT_EQ(readIdAt(0), id ? at(0, *id) : Place());
         for (const std::size_t before : {0U, 10U, 117U, 118U, 119U, 126U, 127U, 128U}) {
             useText(std::string(before, 'x') + '\n' + line);
-            const auto start = static_cast<std::uint32_t>(before) + 1;
-            EXPECT_EQ(readIdAt(0), id ? Place({start, *id}) : Place()) << before;
-            EXPECT_EQ(readLastId(), id ? Place({start, *id}) : Place()) << before;
+            EXPECT_EQ(readIdAt(0), id ? at(before + 1, *id) : Place()) << before;
+            EXPECT_EQ(readLastId(), id ? at(before + 1, *id) : Place()) << before;
         }
     }
 }
@@ -173,54 +161,52 @@ TEST_F(SequenceIndexTest, eightCharactersCountWhenTheyReadAsOneNumber) {
 TEST_F(SequenceIndexTest, behindALineWithoutNumberTheNextBlockIsSearched) {
     const std::string passedOver = "[00000001] a\n\tmore\n[00000002] b\n";
     useText(passedOver + "[00000003]" + std::string(200, 'c') + "\n[00000004] d\n");
-    EXPECT_EQ(readIdAt(1), Place({static_cast<std::uint32_t>(passedOver.size()) + 211, 4U}));
-    EXPECT_EQ(readIdAt(19), Place({static_cast<std::uint32_t>(passedOver.size()), 3U}));
+    EXPECT_EQ(readIdAt(1), at(passedOver.size() + 211, 4));
+    EXPECT_EQ(readIdAt(19), at(passedOver.size(), 3));
 }
 
 TEST_F(SequenceIndexTest, whatCannotBeReadHoldsNothing) {
-    std::uint32_t offset = 7;
-    EXPECT_EQ(logger.findId("/var/logperm/missing", 1, offset), -2);
-    EXPECT_EQ(offset, 7U);
-    EXPECT_EQ(findNextLine(0, std::string("/var/logperm/missing")), Offset());
+    const std::string missing = "/var/logperm/missing";
+    std::uint32_t offset = untouched;
+    EXPECT_EQ(logger.findId(missing, 1, offset), -2);
+    EXPECT_EQ(offset, untouched);
+    EXPECT_EQ(findNextLine(0, missing), Place());
     const std::string folder = "/var/logperm";
-    EXPECT_EQ(findId(1, folder), Offset());
-    EXPECT_EQ(findNextLine(0, folder), Offset());
-    for (const char* unreadable : {"/var/logperm", "/dev/null", "/missing"}) {
+    EXPECT_EQ(findId(1, folder), Place());
+    EXPECT_EQ(findNextLine(0, folder), Place());
+    for (const std::string& unreadable : {folder, missing}) {
         useFile(unreadable);
         EXPECT_EQ(readIdAt(0), Place()) << unreadable;
         EXPECT_EQ(readLastId(), Place()) << unreadable;
     }
-    const char message[] = "x [0000002a] y"; // in memory a number counts wherever it stands
-    EXPECT_EQ(findId(0x2A, message, 14), Offset(2));
-    EXPECT_EQ(findId(0x2A, message, 11), Offset());
-    EXPECT_EQ(findId(0x2A, message, 0), Offset());
+}
+
+TEST_F(SequenceIndexTest, inMemoryANumberCountsWhereverItStands) {
+    for (const int size : {0, 11, 12, 23})
+        EXPECT_EQ(findId(0x2A, "x [0000002a] [0000002a]", size), size < 12 ? Place() : at(2));
 }
 
 TEST_F(SequenceIndexTest, offsetsReachToTheLast32BitOne) {
     // Numbers that grow in step with the offsets lead the search near the line at once.
     const std::uint32_t starts[] = {0x7FFFFFC0, 0x80000000, 0x80000100, 0xFFFFFF00, 0xFFFFFFD0};
+    const std::uint32_t lastId = 0xFFFFFFD0 / 16 - 2;
     useText(qwk::sequenceTag(0) + '\n');
-    const Descriptor writing(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    const auto write = [&](std::int64_t at, const std::string& text) {
-        EXPECT_EQ(pwrite(writing.get(), text.data(), text.size(), at),
-                  static_cast<ssize_t>(text.size()));
-    };
+    std::fstream writing(path);
     for (const std::uint32_t start : starts)
-        write(std::int64_t{start} - 1, '\n' + qwk::sequenceTag(start / 16 - 2));
+        writing.seekp(std::int64_t{start} - 1) << '\n' << qwk::sequenceTag(start / 16 - 2);
+    writing.flush();
     for (const std::uint32_t start : starts) {
-        const std::uint32_t id = start / 16 - 2;
-        EXPECT_EQ(findNextLine(start - 20, path), Offset(start));
-        EXPECT_EQ(readIdAt(start - 20), Place({start, id}));
-        EXPECT_EQ(findId(id, path), Offset(start));
+        EXPECT_EQ(findNextLine(start - 20, path), at(start));
+        EXPECT_EQ(readIdAt(start - 20), at(start, start / 16 - 2));
+        EXPECT_EQ(findId(start / 16 - 2, path), at(start));
     }
-    const Place last({starts[4], starts[4] / 16 - 2});
-    EXPECT_EQ(readLastId(), last);
-    EXPECT_EQ(findId(last->second + 1, path), Offset());
+    EXPECT_EQ(readLastId(), at(starts[4], lastId));
+    EXPECT_EQ(findId(lastId + 1, path), Place());
     // What starts beyond has no offset.
-    write(0xFFFFFFFF, "\n[0fffffff] out of reach\n");
-    EXPECT_EQ(findNextLine(0xFFFFFFF0, path), Offset());
+    writing.seekp(0xFFFFFFFF) << "\n[0fffffff] out of reach\n" << std::flush;
+    EXPECT_EQ(findNextLine(0xFFFFFFF0, path), Place());
     EXPECT_EQ(readIdAt(0xFFFFFFF0), Place());
-    EXPECT_EQ(readLastId(), last);
+    EXPECT_EQ(readLastId(), at(starts[4], lastId));
 }
 
 TEST_F(SequenceIndexTest, anyBytesAreSearchedToAnEnd) {
@@ -234,18 +220,15 @@ TEST_F(SequenceIndexTest, anyBytesAreSearchedToAnEnd) {
             text.insert(random.upTo(static_cast<std::uint32_t>(text.size())),
                         '\n' + qwk::sequenceTag(random.upTo(20)));
         useText(text);
-        const auto isLine = [&](const Place& line) {
+        std::vector<Place> found = {readIdAt(0), readIdAt(random.upTo(700)), readLastId()};
+        for (std::uint32_t id = 0; id <= 20; ++id)
+            if (const Place line = findId(id, path))
+                found.push_back(at(line->first, id));
+        for (const Place& line : found) {
             std::uint32_t id = 0;
-            return line->first + 9 <= text.size() &&
-                   (line->first == 0 || text[line->first - 1] == '\n') &&
-                   qwk::parseSequenceNumber(&text[line->first + 1], id) && id == line->second;
-        };
-        const Place places[] = {readIdAt(0), readIdAt(random.upTo(700)), readLastId()};
-        for (const Place& line : places)
-            EXPECT_TRUE(!line || isLine(line));
-        for (std::uint32_t id = 0; id <= 20; ++id) {
-            const Offset start = findId(id, path);
-            EXPECT_TRUE(!start || isLine({{*start, id}})) << id;
+            EXPECT_TRUE(!line || line->first == 0 || text[line->first - 1] == '\n');
+            EXPECT_TRUE(!line || (qwk::parseSequenceNumber(&text.at(line->first + 1), id) &&
+                                  id == line->second));
         }
     }
 }

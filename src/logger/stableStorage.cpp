@@ -12,7 +12,8 @@
 namespace qwk {
 
 StableFile::StableFile(std::string path)
-    : path_(std::move(path)), file_(openForReading(path_.c_str())) {}
+    : path_(std::move(path)), file_(openForReading(path_.c_str())),
+      openError_(file_.isOpen() ? 0 : errno) {}
 
 bool StableFile::isCurrent() const {
     struct stat opened;
@@ -22,8 +23,10 @@ bool StableFile::isCurrent() const {
 }
 
 void StableFile::sync() const {
-    if (retryOnInterrupt([&] { return fsync(file_.get()); }) != 0)
-        report(LOG_ERR, "Cannot sync \"%s\" (%s).", path_.c_str(), errorText(errno).c_str());
+    if (file_.isOpen() && retryOnInterrupt([&] { return fsync(file_.get()); }) == 0)
+        return;
+    const int error = file_.isOpen() ? errno : openError_;
+    report(LOG_ERR, "Cannot sync \"%s\" (%s).", path_.c_str(), errorText(error).c_str());
 }
 
 StableFiles LogStorage::filesToSync() {

@@ -25,6 +25,7 @@ public:
 private:
     const std::string path_;
     const FileDescriptor file_;
+    const int openError_;
 };
 
 using StableFiles = std::vector<std::shared_ptr<const StableFile>>;
