@@ -25,6 +25,7 @@ Logger::Logger() {
         new log4cplus::RollingFileAppender(logFilePath, logSize_, logCount_, immediateFlush));
     appender->setLayout(std::make_unique<log4cplus::PatternLayout>("%m%n"));
     logger_->addAppender(appender);
+    storage_ = std::make_unique<LogStorage>();
 }
 
 Logger::~Logger() {
@@ -79,7 +80,7 @@ void Logger::unlock() {
     StableFiles written;
     if (std::exchange(linesUnsynced_, false)) {
         try {
-            written = storage_.filesToSync();
+            written = storage_->filesToSync();
         } catch (const std::exception& error) { // the lock must be released all the same
             report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
         }

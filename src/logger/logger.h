@@ -148,7 +148,8 @@ private:
     bool streamsEnding_ = false;
     /// Lines were written since the lock was taken.
     bool linesUnsynced_ = false;
-    LogStorage storage_;
+    /// Made once the log file is there.
+    std::unique_ptr<LogStorage> storage_;
 };
 
 } // namespace qwk

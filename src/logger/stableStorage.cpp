@@ -29,18 +29,19 @@ void StableFile::sync() const {
     report(LOG_ERR, "Cannot sync \"%s\" (%s).", path_.c_str(), errorText(error).c_str());
 }
 
+LogStorage::LogStorage()
+    : folder_(std::make_shared<const StableFile>(logFolderPath)),
+      logFile_(std::make_shared<const StableFile>(logFilePath)) {}
+
 StableFiles LogStorage::filesToSync() {
-    if (logFile_ && logFile_->isCurrent())
-        return {logFile_};
-    // The first lines of this process, or a roll since the last ones.
-    StableFiles files;
-    if (logFile_)
-        files.push_back(std::move(logFile_));
-    logFile_ = std::make_shared<const StableFile>(logFilePath);
-    files.push_back(logFile_);
-    if (!folder_)
-        folder_ = std::make_shared<const StableFile>(logFolderPath);
-    files.push_back(folder_);
+    StableFiles files{logFile_};
+    if (!logFile_->isCurrent()) { // a roll: what was open is the newest rolled copy now
+        logFile_ = std::make_shared<const StableFile>(logFilePath);
+        files.push_back(logFile_);
+        folderChanged_ = true;
+    }
+    if (std::exchange(folderChanged_, false))
+        files.push_back(folder_);
     return files;
 }
 

@@ -33,13 +33,18 @@ using StableFiles = std::vector<std::shared_ptr<const StableFile>>;
 /// Knows which files the lines of a log went into. Its user holds the log's lock.
 class LogStorage {
 public:
+    /// Opens the log file, before the first line is written.
+    LogStorage();
+
     /// What has to be synced once lines were written: the log file and, after a roll, also what it
     /// was before and the folder. To be synced without the lock.
     StableFiles filesToSync();
 
 private:
-    std::shared_ptr<const StableFile> folder_;
+    const std::shared_ptr<const StableFile> folder_;
     std::shared_ptr<const StableFile> logFile_;
+    /// The folder has an entry that may not be on stable storage: at first, the log file's own.
+    bool folderChanged_ = true;
 };
 
 /// Ends a line that a power cut or a full disk left without its end, so that the next one begins
