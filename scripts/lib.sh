@@ -1,0 +1,43 @@
+# shellcheck shell=bash
+# What several scripts need. Source it; it starts nothing.
+
+say() {
+    printf '%s\n' "$*" >&2
+}
+
+die() {
+    say "${0##*/}: $*"
+    exit 1
+}
+
+# Runs a command as root.
+asRoot() {
+    if ((EUID == 0)); then
+        "$@"
+    else
+        sudo -- "$@"
+    fi
+}
+
+# Runs a command as the user at the keyboard, also under `sudo ./run`: build files stay theirs.
+asUser() {
+    if ((EUID == 0)) && ((${SUDO_UID:-0} != 0)); then
+        sudo -u "#$SUDO_UID" -- "$@"
+    else
+        "$@"
+    fi
+}
+
+# True when a daemon runs: a process of its name without arguments, as opposed to a client.
+daemonRuns() {
+    local commandLine
+    local -a words
+    for commandLine in /proc/[0-9]*/cmdline; do
+        # A process may end between the listing and the reading.
+        { mapfile -d '' -t words <"$commandLine"; } 2>/dev/null || continue
+        if ((${#words[@]} == 1)) && [[ ${words[0]##*/} == quillwick ]]; then
+            return 0
+        fi
+    done
+    return 1
+}
