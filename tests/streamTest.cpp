@@ -107,12 +107,12 @@ Usage usageOf(pid_t pid) {
     const std::string process = "/proc/" + std::to_string(pid);
     Usage usage;
     for (const auto& entry : std::filesystem::directory_iterator(process + "/task"))
-        usage.threads += entry.path().empty() ? 0 : 1;
+        usage.threads += entry.exists() ? 1U : 0U;
     for (const auto& entry : std::filesystem::directory_iterator(process + "/fd")) {
         std::error_code gone; // a client's may be, by now
         const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
         // The journal keeps each of its files open, however many journald has made.
-        usage.descriptors += target.find("/run/log/journal/") == std::string::npos ? 1 : 0;
+        usage.descriptors += target.find("/run/log/journal/") == std::string::npos ? 1U : 0U;
     }
     const std::string status = readFile(process + "/status");
     const auto kiB = [&](const char* field) {
