@@ -1,7 +1,6 @@
 // The executable from outside: its modes, the way of an entry through a real journal and a stood-in
 // chip to the log file, restarts, signals and what is missing.
 
-#include <regex>
 #include <sstream>
 #include <sys/ioctl.h>
 
@@ -65,14 +64,20 @@ protected:
     static constexpr const char* tracePath = "/tmp/trace";
 };
 
-// The messages of the lines "[number] time host test[pid]: message", in order.
+// The messages of the lines "[number] date time host test[pid]: message", in order. What else
+// stands in the log begins no such line.
 std::vector<std::string> messagesOf(const std::string& log, std::vector<unsigned long>& numbers) {
-    static const std::regex line(
-        R"(\[([0-9a-f]{8})\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \S+ test\[\d+\]: (.*))");
     std::vector<std::string> messages;
-    for (std::sregex_iterator it(log.begin(), log.end(), line), end; it != end; ++it) {
-        numbers.push_back(std::stoul((*it)[1], nullptr, 16));
-        messages.push_back((*it)[2]);
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string number, date, time, host, sender, message;
+        words >> number >> date >> time >> host >> sender >> std::ws;
+        if (sender.compare(0, 5, "test[") != 0 || number.size() != 10 || time.size() != 12)
+            continue;
+        std::getline(words, message, '\0');
+        numbers.push_back(std::stoul(number.substr(1), nullptr, 16));
+        messages.push_back(message);
     }
     return messages;
 }
