@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -138,6 +139,20 @@ void enterSandbox() {
                      error.what());
         std::_Exit(EXIT_FAILURE);
     }
+}
+
+void restartInSandbox(char** argv) {
+    if (std::getenv("QUILLWICK_SANDBOX") != nullptr)
+        return;
+    enterSandbox();
+    ::setenv("QUILLWICK_SANDBOX", "entered", 1);
+    std::vector<const char*> command = {QUILLWICK_TEST_LAUNCHER};
+    do
+        command.push_back(*argv);
+    while (*argv++ != nullptr); // which ends the command, too
+    ::execvp(command[0], const_cast<char**>(command.data()));
+    std::perror("cannot start again in the sandbox");
+    std::_Exit(EXIT_FAILURE);
 }
 
 void writeFile(const std::string& path, std::string_view text) {

@@ -17,6 +17,10 @@ namespace testSupport {
 // the caller's parent; on refusal it says why and exits with 1.
 void enterSandbox();
 
+// Starts the program again in a sandbox, with the same arguments; returns if it is in one already.
+// A library may have started threads before main(), and enterSandbox() would leave those behind.
+void restartInSandbox(char** argv);
+
 // Both throw std::runtime_error. writeFile() replaces the content.
 void writeFile(const std::string& path, std::string_view text);
 std::string readFile(const std::string& path);
