@@ -10,7 +10,6 @@
 
 using namespace testSupport;
 using framEmulator::TornByte;
-using framEmulator::TransferKind;
 
 namespace {
 
@@ -48,20 +47,11 @@ protected:
         return message;
     }
     void restore(const Snapshot& moment) {
-        chip.clearFaults();
-        chip.powerOn();
         chip.setImage(moment.image);
         sink.written = moment.written;
         stable = sink.written.size();
         next = moment.written.size() + moment.cached.size();
-        restartProcess();
-    }
-    // What a new process knows of the log.
-    void restartProcess() {
-        restart();
-        sink.nextId = static_cast<std::uint32_t>(sink.written.size());
-        if (!sink.written.empty())
-            sink.nextId = sink.written.back().id + 1;
+        comeBack(true);
     }
     // The board comes back after a cut. Lines that were not on stable storage may be gone.
     void comeBack(bool unsyncedLinesSurvive) {
@@ -69,39 +59,30 @@ protected:
         chip.powerOn();
         if (!unsyncedLinesSurvive)
             sink.written.resize(std::min(stable, sink.written.size()));
-        restartProcess();
+        restart(); // a new process, which knows the log file
+        sink.nextId = sink.written.empty() ? 0 : sink.written.back().id + 1;
         said();
-    }
-    std::vector<Line> chipAndLogFile() const {
-        std::vector<Line> all = sink.written;
-        all.insert(all.end(), sink.recent.begin(), sink.recent.end());
-        return all;
     }
     // Each of the first `required` entries is there, at most one more is, and every number has one
     // text and no gap before it.
     void expectNothingLost(std::size_t required, bool linesMayComeTwice) {
         std::map<std::uint32_t, std::string> entries;
-        const std::vector<Line> all = chipAndLogFile();
-        for (const Line& line : all) {
-            ASSERT_LT(line.id, required + 1);
-            ASSERT_EQ(line.message, text(line.id));
-            entries[line.id] = line.message;
-        }
+        for (const auto& part : {sink.written, sink.recent})
+            for (const Line& line : part) {
+                ASSERT_EQ(line.message, text(line.id));
+                entries[line.id] = line.message;
+            }
+        ASSERT_LE(entries.size(), required + 1);
         ASSERT_GE(entries.size(), required);
         ASSERT_TRUE(entries.empty() || entries.rbegin()->first == entries.size() - 1);
-        ASSERT_TRUE(linesMayComeTwice || all.size() == entries.size());
+        ASSERT_TRUE(linesMayComeTwice ||
+                    sink.written.size() + sink.recent.size() == entries.size());
     }
-    void expectUndamaged() {
-        for (const std::string& message : said())
-            ASSERT_EQ(message.find("corrupted"), std::string::npos) << message;
-    }
-    void expectAppendWorks() {
-        const std::size_t number =
-            chipAndLogFile().empty() ? sink.nextId : chipAndLogFile().back().id + 1;
-        append(text(number));
-        ASSERT_EQ(sink.recent.back(), (Line{static_cast<std::uint32_t>(number), text(number)}));
+    void expectAppendWorks(const std::string& message) {
+        append(message);
+        ASSERT_EQ(sink.recent.back().message, message);
         ASSERT_EQ(flush(), 0);
-        ASSERT_EQ(sink.written.back(), (Line{static_cast<std::uint32_t>(number), text(number)}));
+        ASSERT_EQ(sink.written.back().message, message);
     }
     // A new chip with this many entries, flushed or not, and one byte of it wrong.
     Snapshot filled(std::size_t entries, bool flushed = false, std::size_t damaged = notDamaged) {
@@ -115,18 +96,11 @@ protected:
         return {chip.image(), sink.written, sink.recent};
     }
     void work(Work kind) {
-        switch (kind) {
-        case Work::append:
-            return appendNext();
-        case Work::flush:
-            return static_cast<void>(flush());
-        case Work::clear:
-            return static_cast<void>(clear());
-        case Work::load:
-            return load();
-        case Work::dump:
-            return use([&](qwk::Eeprom& eeprom) { eeprom.hexDump(nowhere.get()); });
-        }
+        kind == Work::append  ? appendNext()
+        : kind == Work::flush ? void(flush())
+        : kind == Work::clear ? void(clear())
+        : kind == Work::load  ? load()
+                              : use([&](qwk::Eeprom& eeprom) { eeprom.hexDump(nowhere.get()); });
     }
 
     static constexpr std::size_t notDamaged = SIZE_MAX;
@@ -145,6 +119,9 @@ protected:
     // left. Each cut is one point of the matrix.
     void cut(const Snapshot& before, Work kind, std::uint64_t first, TornByte torn,
              std::optional<std::uint64_t> second, bool unsyncedLinesSurvive) {
+        SCOPED_TRACE(testing::Message() << "cut after byte " << first << " and, in the recovery, "
+                                        << (second ? std::to_string(*second) : "none")
+                                        << ", torn byte kind " << static_cast<int>(torn));
         restore(before);
         sink.filled = kind != Work::load;
         const std::size_t required = next;
@@ -159,21 +136,14 @@ protected:
         }
         ++points;
         load();
-        expectUndamaged();
-        if (kind != Work::clear) { // which takes the entries, as asked for
-            const bool flushed = kind == Work::flush || required == fullChip || second;
-            expectNothingLost(required, flushed);
-        }
-        expectAppendWorks();
+        for (const std::string& message : said())
+            ASSERT_EQ(message.find("corrupted"), std::string::npos) << message;
+        if (kind != Work::clear) // which takes the entries, as asked for
+            expectNothingLost(required, kind == Work::flush || required == fullChip || second);
+        const std::uint32_t number = sink.recent.empty() ? sink.nextId : sink.recent.back().id + 1;
+        expectAppendWorks(text(number));
+        ASSERT_EQ(sink.written.back().id, number);
     }
-    std::uint64_t wireBytesOf(const Snapshot& before, Work kind) {
-        restore(before);
-        sink.filled = kind != Work::load;
-        chip.clearRecord();
-        work(kind);
-        return chip.wireBytes();
-    }
-
     std::size_t points = 0;
 };
 
@@ -199,34 +169,29 @@ TEST_F(PowerCutTest, atEveryByteOfEveryOperation) {
         {"repair of copy 0", 5, Work::load, 1, 10},
         {"repair of copy 1", 5, Work::load, 1, 28}};
     for (const Scenario& scenario : scenarios) {
+        SCOPED_TRACE(scenario.name);
         const Snapshot before = filled(scenario.entries, scenario.flushed, scenario.damagedByte);
-        const std::uint64_t bytes = wireBytesOf(before, scenario.work);
+        restore(before);
+        sink.filled = scenario.work != Work::load;
+        chip.clearRecord();
+        work(scenario.work);
+        const std::uint64_t bytes = chip.wireBytes();
         for (std::uint64_t at = 0; at <= bytes; at += stride(scenario.sampled)) {
             for (const TornByte torn :
-                 {TornByte::newValue, TornByte::oldValue, TornByte::randomBits}) {
-                const int kind = static_cast<int>(torn);
-                SCOPED_TRACE(std::string(scenario.name) + ", cut after byte " + std::to_string(at) +
-                             ", torn byte kind " + std::to_string(kind));
-                const bool survive = (at + static_cast<std::uint64_t>(kind)) % 2 == 0;
-                ASSERT_NO_FATAL_FAILURE(
-                    cut(before, scenario.work, at, torn, std::nullopt, survive));
-            }
+                 {TornByte::newValue, TornByte::oldValue, TornByte::randomBits})
+                ASSERT_NO_FATAL_FAILURE(cut(before, scenario.work, at, torn, std::nullopt,
+                                            (at + static_cast<std::uint64_t>(torn)) % 2 == 0));
             // A recovery of few entries: the headers, perhaps a repair, the entries, the reset.
             for (std::uint64_t second = at % 7; scenario.entries <= 5 && second < 700;
-                 second += stride(97)) {
-                SCOPED_TRACE(std::string(scenario.name) + ", cut after byte " + std::to_string(at) +
-                             " and byte " + std::to_string(second) + " of the recovery");
+                 second += stride(97))
                 ASSERT_NO_FATAL_FAILURE(
                     cut(before, scenario.work, at, TornByte::randomBits, second, at % 2 == 0));
-            }
         }
     }
     std::printf("%zu cut points\n", points);
 }
 
-class BusFaultTest : public DurabilityTest {};
-
-TEST_F(BusFaultTest, everyTransferFailsOnceIsCutShortAndFailsForGood) {
+TEST_F(DurabilityTest, everyTransferFailsOnceIsCutShortAndFailsForGood) {
     struct Case {
         const char* name;
         std::size_t entries;
@@ -247,31 +212,27 @@ TEST_F(BusFaultTest, everyTransferFailsOnceIsCutShortAndFailsForGood) {
         work(one.work);
         const std::uint64_t transfers = chip.transferCount();
         for (std::uint64_t at = 1; at <= transfers; ++at) {
-            for (const char* fault : {"fails once", "is cut short", "and all later ones fail"}) {
-                SCOPED_TRACE(std::string(one.name) + ": transfer " + std::to_string(at) + ' ' +
-                             fault);
+            for (const char* fault : {" fails once", " is cut short", " and all later ones fail"}) {
+                SCOPED_TRACE(testing::Message() << one.name << ": transfer " << at << fault);
                 restore(before);
-                said();
                 sink.filled = one.work != Work::load;
-                if (*fault == 'f')
+                if (fault[1] == 'f')
                     chip.failTransfer(at);
-                else if (*fault == 'i')
+                else if (fault[1] == 'i')
                     chip.cutTransfer(at, at % 2); // of the shortest address transfer's two bytes
                 else
                     chip.failFrom(at);
                 work(one.work);
-                const bool dead = *fault == 'a' && at == 1 && one.verdict != nullptr;
+                const bool dead = fault[1] == 'a' && at == 1 && one.verdict != nullptr;
                 ASSERT_TRUE(!dead || said().back() == one.verdict);
                 ASSERT_FALSE(sink.isLocked());
                 chip.clearFaults();
                 if (one.work == Work::append && one.entries < fullChip) {
-                    restartProcess();
+                    comeBack(true);
                     load();
                     ASSERT_NO_FATAL_FAILURE(expectNothingLost(one.entries, false));
                 }
-                append("well again");
-                ASSERT_EQ(flush(), 0);
-                ASSERT_EQ(sink.written.back().message, "well again");
+                ASSERT_NO_FATAL_FAILURE(expectAppendWorks("well again"));
             }
         }
     }
@@ -285,13 +246,9 @@ protected:
         work(Work::dump);
         if (flush() == 0) {
             load();
-            const std::vector<std::string> texts = said();
-            ASSERT_EQ(texts.back(), "info: 0 log entries read from cache.");
+            ASSERT_EQ(said().back(), "info: 0 log entries read from cache.");
         }
-        append("after");
-        ASSERT_EQ(sink.recent.back().message, "after");
-        ASSERT_EQ(flush(), 0);
-        ASSERT_EQ(sink.written.back().message, "after");
+        expectAppendWorks("after");
     }
     void flip(std::size_t bit) {
         poke(bit / 8, {static_cast<std::uint8_t>(bytes(bit / 8, 1)[0] ^ (1U << bit % 8))});
@@ -339,11 +296,9 @@ TEST_F(ChipImageTest, anyContentUnderValidHeadersIsSurvived) {
             for (std::uint8_t& byte : image)
                 byte = static_cast<std::uint8_t>(random());
         // Headers over any end and count, also one of whole records' ends.
-        const std::uint32_t end = static_cast<std::uint32_t>(
-            seed % 2 == 0 ? random() % 65536 : 36 + 115 * (random() % 72));
-        const auto block =
-            qwk::framLayout::encodeHeader({end, static_cast<std::uint32_t>(random() % 65536),
-                                           static_cast<std::uint32_t>(random())});
+        const auto number = [&] { return static_cast<std::uint32_t>(random()); };
+        const std::uint32_t end = seed % 2 == 0 ? number() % 65536 : 36 + 115 * (number() % 72);
+        const auto block = qwk::framLayout::encodeHeader({end, number() % 65536, number()});
         std::copy(block.begin(), block.end(), image.begin());
         chip.setImage(image);
         ASSERT_NO_FATAL_FAILURE(expectSurvived()) << "seed " << seed;

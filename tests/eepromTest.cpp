@@ -9,18 +9,14 @@
 #include <utility>
 
 #include "support/board.h"
-#include "support/paths.h"
 
 using namespace testSupport;
-using framEmulator::TransferKind;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+using Lines = std::vector<Line>;
 
-constexpr std::size_t headerSize = 18;
-const Bytes emptyHeader = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x24, 0x00,
-                           0x00, 0x00, 0x00, 0x00, 0x00, 0x38, 0x24, 0xA4, 0xDF};
 const Bytes emptyHeaderNext42 = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x24, 0x00,
                                  0x00, 0x00, 0x00, 0x00, 0x2A, 0xE3, 0x9F, 0x6D, 0x09};
 const Bytes oneEntryHeader = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x38, 0x00,
@@ -28,386 +24,257 @@ const Bytes oneEntryHeader = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x38, 0x
 const Bytes helloRecord = {0x6C, 0x6F, 0x67, 0x31, 0x00, 0x14, 0x06, 0x00, 0x06, 0x0A,
                            0x24, 0x18, 0x1E, 0x40, 0x00, 0x68, 0x65, 0x6C, 0x6C, 0x6F};
 constexpr std::uint64_t helloTime = 1700000000000000;
-constexpr char uninitialised[] = "warning: Header of FRAM cache either invalid or uninitialised.";
 
 class EepromTest : public Board {
 protected:
-    void useEmptyCache(const Bytes& header = emptyHeader) {
-        poke(0, header);
-        poke(headerSize, header);
-        sink.filled = true; // nothing to load
+    void useHeaders(const Bytes& first, const Bytes& second) {
+        poke(0, first);
+        poke(18, second);
+    }
+    // A cache with such headers, and nothing to load.
+    void useCache(const qwk::framLayout::Header& header = {36, 0, 0}) {
+        const auto block = qwk::framLayout::encodeHeader(header);
+        useHeaders({block.begin(), block.end()}, {block.begin(), block.end()});
+        sink.filled = true;
+        sink.written.clear();
+        sink.recent.clear();
         said();
-        chip.clearRecord();
     }
-    // A header with a right CRC and any content, in both copies.
-    void useHeader(std::uint32_t end, std::uint32_t count, std::uint32_t nextId) {
-        const auto block = qwk::framLayout::encodeHeader({end, count, nextId});
-        poke(0, {block.begin(), block.end()});
-        poke(headerSize, {block.begin(), block.end()});
-    }
-    std::vector<Line> flushed() {
+    Lines flushed() {
         sink.written.clear();
         flush();
         return sink.written;
     }
-    // Fills the chip up to address `end` (at least 36 + 15).
-    void fillTo(std::size_t end) {
-        std::size_t at = 36;
-        for (; end - at >= 271 + 15; at += 271)
-            append(std::string(256, 'm'));
-        for (std::size_t left = end - at; left > 0; left = end - at) {
-            const std::size_t length = left <= 271 ? left : left - 15;
-            append(std::string(length - 15, 'm'));
-            at += length;
-        }
+    // The diagnostics since the last call, each with a bar behind it.
+    std::string told() {
+        std::string all;
+        for (const std::string& text : said())
+            all += text + '|';
+        return all;
     }
 };
 
 } // namespace
 
 TEST_F(EepromTest, anEntryStandsInTheChipAsDocumented) {
-    useEmptyCache();
+    useCache();
     append("hello", 6, helloTime);
-    EXPECT_EQ(bytes(0, headerSize), oneEntryHeader);
-    EXPECT_EQ(bytes(headerSize, headerSize), oneEntryHeader);
+    EXPECT_EQ(bytes(0, 18), oneEntryHeader);
+    EXPECT_EQ(bytes(18, 18), oneEntryHeader);
     EXPECT_EQ(bytes(36, helloRecord.size()), helloRecord);
-    EXPECT_EQ(sink.recent, (std::vector<Line>{{0, "hello"}}));
-    EXPECT_TRUE(said().empty());
+    EXPECT_EQ(sink.recent, (Lines{{0, "hello"}}));
+    append(std::string("up to\0here", 10), -1, UINT64_MAX);
+    EXPECT_EQ(told(), "");
+    load();
+    EXPECT_EQ(told(), "info: 2 log entries read from cache.|");
+    use([](qwk::Eeprom&) {}); // the buffer is filled: nothing is loaded twice
+    EXPECT_EQ(sink.recent, (Lines{{0, "hello"}, {1, "up to"}}));
+    const Lines lines = flushed();
+    EXPECT_EQ(lines, (Lines{{0, "hello"}, {1, "up to"}}));
+    EXPECT_TRUE(lines[0].priority == 6 && lines[0].time == helloTime);
+    EXPECT_TRUE(lines[1].priority == 255 && lines[1].time == UINT64_MAX); // kept in one byte
 }
 
 TEST_F(EepromTest, longMessagesAreShortenedInTheChipOnly) {
-    std::string text;
-    for (int i = 0; i < 300; ++i)
-        text += static_cast<char>('a' + i % 26);
-    const std::string shortened = text.substr(0, 232) + "........" + text.substr(284);
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""},
-        {text.substr(0, 256), text.substr(0, 256)},
-        {text.substr(0, 257), text.substr(0, 232) + "........" + text.substr(241, 16)},
-        {text, shortened}};
-    for (const auto& [message, stored] : cases) {
-        useEmptyCache();
+    useCache();
+    for (const std::size_t length : {0U, 256U, 257U, 300U}) {
+        std::string message;
+        while (message.size() < length)
+            message += static_cast<char>('a' + message.size() % 26);
         append(message);
         EXPECT_EQ(sink.recent.back().message, message);
-        EXPECT_EQ(flushed(), (std::vector<Line>{{0, stored}})) << message.size();
+        if (length > 256)
+            message = message.substr(0, 232) + "........" + message.substr(length - 16);
+        EXPECT_EQ(flushed().at(0).message, message);
     }
 }
 
-TEST_F(EepromTest, aNewChipContinuesTheLogFile) {
-    sink.nextId = 0x2A;
+TEST_F(EepromTest, newAndClearedChipsContinueTheLogFileAndNumbersWrap) {
+    sink.nextId = 0x28;
     append("first");
-    EXPECT_EQ(said(), std::vector<std::string>{uninitialised});
+    EXPECT_EQ(told(), "warning: Header of FRAM cache either invalid or uninitialised.|");
     append("second");
     EXPECT_EQ(flush(), 0);
-    EXPECT_EQ(sink.written, (std::vector<Line>{{0x2A, "first"}, {0x2B, "second"}}));
-    EXPECT_EQ(said(), std::vector<std::string>{
-                          "info: 2 log entries written, next sequence number is [0000002c]."});
+    EXPECT_EQ(sink.written, (Lines{{0x28, "first"}, {0x29, "second"}}));
+    EXPECT_EQ(told(), "info: 2 log entries written, next sequence number is [0000002a].|");
+    EXPECT_EQ(bytes(0, 18), emptyHeaderNext42);
+    EXPECT_EQ(bytes(18, 18), emptyHeaderNext42);
     EXPECT_TRUE(sink.recent.empty());
-}
-
-TEST_F(EepromTest, flushingAnEmptyCacheTouchesOnlyTheBuffer) {
-    useEmptyCache(emptyHeaderNext42);
-    sink.recent = {{1, "left over"}};
-    const auto before = chip.image();
-    EXPECT_EQ(flush(), 0);
-    EXPECT_EQ(chip.image(), before);
-    EXPECT_TRUE(sink.recent.empty() && sink.written.empty() && said().empty());
-    append("next");
-    EXPECT_EQ(sink.recent, (std::vector<Line>{{42, "next"}}));
-}
-
-TEST_F(EepromTest, anEntryThatFitsExactlyIsStoredAndOneMoreByteFlushesFirst) {
-    for (const bool fits : {true, false}) {
-        chip.setImage({});
-        sink.written.clear();
-        sink.filled = true;
-        fillTo(8192 - 115);
-        const std::size_t before = sink.recent.size();
-        append(std::string(fits ? 100 : 101, 'x'));
-        EXPECT_EQ(sink.written.size(), fits ? 0 : before);
-        EXPECT_EQ(sink.recent.size(), fits ? before + 1 : 1);
-        EXPECT_EQ(sink.recent.back().id, before); // the numbering goes on
-        const auto lines = flushed();
-        EXPECT_EQ(lines.size(), fits ? before + 1 : 1);
-        EXPECT_EQ(lines.back(),
-                  (Line{static_cast<std::uint32_t>(before), std::string(fits ? 100 : 101, 'x')}));
-    }
-}
-
-TEST_F(EepromTest, capacityIsThirtyLongOr543EmptyEntries) {
-    for (const auto& [length, capacity] :
-         {std::pair<std::size_t, std::size_t>{256, 30}, {0, 543}}) {
-        useEmptyCache();
-        sink.written.clear();
-        sink.recent.clear();
-        for (std::size_t i = 0; i <= capacity; ++i)
-            append(std::string(length, 'm'));
-        EXPECT_EQ(sink.written.size(), capacity);
-        EXPECT_EQ(sink.recent.size(), 1U);
-    }
-}
-
-TEST_F(EepromTest, numbersWrap) {
-    useHeader(36, 0, 0xFFFFFFFF);
-    sink.filled = true;
-    append("last");
-    append("first again");
-    EXPECT_EQ(flushed(), (std::vector<Line>{{0xFFFFFFFF, "last"}, {0, "first again"}}));
-}
-
-TEST_F(EepromTest, theFirstObjectOfAProcessLoadsTheChip) {
-    append("one");
-    append("two");
-    said();
-    load();
-    EXPECT_EQ(sink.recent, (std::vector<Line>{{0, "one"}, {1, "two"}}));
-    EXPECT_EQ(said(), std::vector<std::string>{"info: 2 log entries read from cache."});
-    use([](qwk::Eeprom&) {}); // the buffer is filled: nothing is loaded twice
-    EXPECT_EQ(sink.recent.size(), 2U);
-    EXPECT_TRUE(said().empty());
-    EXPECT_FALSE(sink.isLocked());
-}
-
-TEST_F(EepromTest, clearedChipsContinueTheLogFile) {
     append("gone");
     sink.nextId = 7;
     EXPECT_EQ(clear(), 0);
     EXPECT_EQ(chip.image(), framEmulator::Image{});
     EXPECT_TRUE(sink.recent.empty());
-    said();
-    EXPECT_EQ(flush(), -1);
-    EXPECT_TRUE(said().empty());
     append("kept");
-    EXPECT_EQ(sink.recent, (std::vector<Line>{{7, "kept"}}));
+    EXPECT_EQ(sink.recent, (Lines{{7, "kept"}}));
+    useCache({36, 0, 0xFFFFFFFF});
+    append("last");
+    append("first again");
+    EXPECT_EQ(flushed(), (Lines{{0xFFFFFFFF, "last"}, {0, "first again"}}));
 }
 
-TEST_F(EepromTest, headerCopiesMendEachOther) {
-    for (const std::size_t damaged : {0U, 18U}) {
-        for (std::size_t at = damaged; at < damaged + headerSize; ++at) {
-            useEmptyCache(oneEntryHeader);
-            poke(36, helloRecord);
-            poke(at, {static_cast<std::uint8_t>(bytes(at, 1)[0] ^ 0x10)});
-            load();
-            EXPECT_EQ(sink.recent, (std::vector<Line>{{0, "hello"}})) << at;
-            EXPECT_EQ(bytes(0, headerSize), oneEntryHeader) << at;
-            EXPECT_EQ(bytes(headerSize, headerSize), oneEntryHeader) << at;
-        }
-    }
-}
-
-TEST_F(EepromTest, ofTwoValidCopiesTheFirstCountsAndNoneIsRewritten) {
-    useEmptyCache();
-    poke(headerSize, emptyHeaderNext42);
+TEST_F(EepromTest, ofTwoValidCopiesTheFirstCountsAndAnEmptyCacheStaysAsItIs) {
+    useHeaders(emptyHeaderNext42, oneEntryHeader);
     const auto before = chip.image();
     load();
+    sink.filled = true;
+    sink.recent = {{1, "left over"}};
+    told();
+    EXPECT_EQ(flush(), 0);
     EXPECT_EQ(chip.image(), before);
-    append("x");
-    EXPECT_EQ(sink.recent.back().id, 0U);
+    EXPECT_TRUE(sink.recent.empty() && sink.written.empty() && told().empty());
+    append("next");
+    EXPECT_EQ(sink.recent, (Lines{{42, "next"}}));
+}
+
+TEST_F(EepromTest, anEntryThatFitsExactlyIsStoredAndOneMoreByteFlushesFirst) {
+    struct Case {
+        std::size_t length, count, last; // so many messages of this length, and a last one
+        bool fits;
+    };
+    for (const Case& one : {Case{256, 30, 11, true}, {256, 30, 12, false}, {0, 543, 0, false}}) {
+        useCache();
+        for (std::size_t i = 0; i < one.count; ++i)
+            append(std::string(one.length, 'm'));
+        EXPECT_TRUE(sink.written.empty());
+        append(std::string(one.last, 'x'));
+        EXPECT_EQ(sink.written.size(), one.fits ? 0 : one.count);
+        EXPECT_EQ(sink.recent.size(), one.fits ? one.count + 1 : 1);
+        const Lines recent = sink.recent;
+        EXPECT_EQ(recent.back().id, one.count); // the numbering goes on
+        EXPECT_EQ(flushed(), recent);
+    }
 }
 
 TEST_F(EepromTest, damageIsReportedAndEndsWithTheNextFlush) {
     struct Case {
-        const char* name;
         std::size_t at; // what stands wrong in a cache of "hello" at 36 and "world" at 56
         Bytes wrong;
         std::uint32_t end;
         std::size_t usable; // entries before the fault
-        std::vector<std::string> diagnostics;
+        std::string diagnostics;
     };
-    const std::string corrupted = "FRAM cache corrupted.";
-    const Case cases[] = {
-        {"wrong key", 56, {'l', 'o', 'g', '2'}, 76, 1, {"Unexpected header key (log2)", corrupted}},
-        {"length 0", 60, {0, 0}, 76, 1, {"Cannot read KLV for log entry at 56", corrupted}},
-        {"length 5", 60, {0, 5}, 76, 1, {"Cannot read KLV for log entry at 56", corrupted}},
-        {"length 8192", 60, {0x20, 0}, 76, 1, {"Cannot read KLV for log entry at 56", corrupted}},
-        {"no room for the fields", 60, {0, 14}, 76, 1, {corrupted}},
-        {"chain overshoots", 60, {0, 21}, 76, 2, {corrupted}},
-        {"chain ends early",
-         60,
-         {0, 15},
-         76,
-         2,
-         {"Cannot read KLV for log entry at 71", corrupted}},
-        {"end in the headers", 36, {'l'}, 35, 0, {corrupted}},
-        {"end beyond the chip",
-         76,
-         {'x'},
-         60000,
-         2,
-         {"Cannot read KLV for log entry at 76", corrupted}},
-    };
-    for (const Case& wrong : cases) {
-        SCOPED_TRACE(wrong.name);
-        useEmptyCache();
-        sink.written.clear();
+    const std::string unreadable = "Cannot read KLV for log entry at ";
+    const Case cases[] = {{56, {'l', 'o', 'g', '2'}, 76, 1, "Unexpected header key (log2)|"},
+                          {60, {0, 0}, 76, 1, unreadable + "56|"},
+                          {60, {0, 5}, 76, 1, unreadable + "56|"},
+                          {60, {0x20, 0}, 76, 1, unreadable + "56|"},
+                          {60, {0, 14}, 76, 1, ""},                   // no room for the fields
+                          {60, {0, 21}, 76, 2, ""},                   // the chain overshoots
+                          {60, {0, 15}, 76, 2, unreadable + "71|"},   // it ends early
+                          {36, {'l'}, 35, 0, ""},                     // an end in the headers
+                          {76, {'x'}, 60000, 2, unreadable + "76|"}}; // an end beyond the chip
+    for (const Case& one : cases) {
+        SCOPED_TRACE(&one - cases);
+        chip.setImage({});
+        sink.filled = true;
         append("hello");
         append("world");
-        useHeader(wrong.end, 2, 2);
-        poke(wrong.at, wrong.wrong);
+        useCache({one.end, 2, 2});
+        poke(one.at, one.wrong);
         load();
-        EXPECT_EQ(sink.recent.size(), wrong.usable);
-        std::vector<std::string> texts = said();
-        ASSERT_EQ(texts.size(), wrong.diagnostics.size());
-        for (std::size_t i = 0; i < texts.size(); ++i)
-            EXPECT_EQ(texts[i], wrong.diagnostics[i]);
+        EXPECT_EQ(sink.recent.size(), one.usable);
+        EXPECT_EQ(told(), one.diagnostics + "FRAM cache corrupted.|");
         EXPECT_EQ(flush(), 0);
-        EXPECT_EQ(sink.written.size(), wrong.usable);
-        EXPECT_EQ(said().back(), "info: " + std::to_string(wrong.usable) +
+        EXPECT_EQ(sink.written.size(), one.usable);
+        EXPECT_EQ(said().back(), "info: " + std::to_string(one.usable) +
                                      " log entries written, next sequence number is [00000002].");
         load();
-        EXPECT_EQ(said(), std::vector<std::string>{"info: 0 log entries read from cache."});
+        EXPECT_EQ(told(), "info: 0 log entries read from cache.|");
     }
 }
 
 TEST_F(EepromTest, headersThatAreNoneAreNamed) {
-    const std::pair<Bytes, std::vector<std::string>> cases[] = {
-        {Bytes(headerSize, 0), {}},
-        {Bytes(headerSize, 0xFF), {}},
-        {{'h', 'd', 'r', '1', 0, 19}, {"Unexpected size of header block (19)"}},
-        {{'h', 'd', 'r', '2', 0, 18}, {"Unexpected header key (hdr2)"}},
-        {{'h', 'd', 'r', '1', 0, 18, 9}, {"Invalid CRC of header block"}}};
+    const std::pair<Bytes, std::string> cases[] = {
+        {Bytes(18, 0), ""},
+        {Bytes(18, 0xFF), ""},
+        {{'h', 'd', 'r', '1', 0, 19}, "Unexpected size of header block (19)|"},
+        {{'h', 'd', 'r', '2', 0, 18}, "Unexpected header key (hdr2)|"},
+        {{'h', 'd', 'r', '1', 0, 18, 9}, "Invalid CRC of header block|"}};
     for (const auto& [block, diagnostics] : cases) {
-        useEmptyCache(block);
+        useHeaders(block, block);
         load();
-        std::vector<std::string> twice = diagnostics; // once for each copy
-        twice.insert(twice.end(), diagnostics.begin(), diagnostics.end());
-        EXPECT_EQ(said(), twice);
+        EXPECT_EQ(told(), diagnostics + diagnostics); // once for each copy
         EXPECT_TRUE(sink.recent.empty());
     }
 }
 
 TEST_F(EepromTest, transfersAreExactlyThoseThatTheWorkNeeds) {
-    struct Expected {
-        TransferKind kind;
-        std::size_t address;
-        std::size_t length; // with a write's two address bytes
-    };
-    const auto read = [](std::size_t at, std::size_t length) {
-        return std::vector<Expected>{{TransferKind::write, at, 2},
-                                     {TransferKind::read, at, length}};
-    };
-    const auto write = [](std::size_t at, std::size_t length) {
-        return std::vector<Expected>{{TransferKind::write, at, length + 2}};
-    };
-    const auto joined = [](const std::vector<std::vector<Expected>>& parts) {
-        std::vector<Expected> all;
-        for (const auto& part : parts)
-            all.insert(all.end(), part.begin(), part.end());
-        return all;
-    };
-    const auto headers = joined({read(0, 6), read(6, 12), read(18, 6), read(24, 12)});
+    // w or r, the address, the length with a write's address.
+    const std::string headers = " w0:2 r0:6 w6:2 r6:12 w18:2 r18:6 w24:2 r24:12";
+    const std::string text(256, 'm');
     struct Case {
-        const char* name;
-        std::size_t fill; // the chip is filled up to here first
+        std::size_t entries; // in the chip before
         std::function<void()> work;
-        std::vector<Expected> transfers;
+        std::string transfers;
     };
-    const std::string hundred(100, 'm');
     const Case cases[] = {
-        {"append", 36, [&] { append(hundred); },
-         joined({headers, write(36, 115), write(0, 18), write(18, 18)})},
-        {"append over a chunk's end", 4000, [&] { append(hundred); },
-         joined({headers, write(4000, 94), write(4094, 21), write(0, 18), write(18, 18)})},
-        {"flush of nothing", 36, [&] { flush(); }, headers},
-        {"flush of one", 136, [&] { flush(); },
-         joined({headers, read(36, 6), read(42, 94), write(0, 18), write(18, 18)})},
-        {"clear", 36, [&] { clear(); },
-         joined({write(0, 4094), write(4094, 4094), write(8188, 4)})}};
+        {0, [&] { append(text); }, headers + " w36:273 w0:20 w18:20"},
+        {14, [&] { append(text); }, headers + " w3830:266 w4094:9 w0:20 w18:20"},
+        {0, [&] { flush(); }, headers},
+        {1, [&] { flush(); }, headers + " w36:2 r36:6 w42:2 r42:265 w0:20 w18:20"},
+        {1, [&] { clear(); }, " w0:4096 w4094:4096 w8188:6"}};
     for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
-        useEmptyCache();
-        fillTo(one.fill);
+        useCache();
+        for (std::size_t i = 0; i < one.entries; ++i)
+            append(text);
         chip.clearRecord();
         one.work();
-        const auto record = chip.record();
-        ASSERT_EQ(record.size(), one.transfers.size());
-        for (std::size_t i = 0; i < record.size(); ++i) {
-            EXPECT_EQ(record[i].kind, one.transfers[i].kind) << i;
-            EXPECT_EQ(record[i].address, one.transfers[i].address) << i;
-            EXPECT_EQ(record[i].requested, one.transfers[i].length) << i;
-        }
+        std::string transfers;
+        for (const framEmulator::Transfer& transfer : chip.record())
+            transfers += (transfer.kind == framEmulator::TransferKind::write ? " w" : " r") +
+                         std::to_string(transfer.address) + ':' +
+                         std::to_string(transfer.requested);
+        EXPECT_EQ(transfers, one.transfers);
     }
 }
 
-TEST_F(EepromTest, decodedEntriesAreWhatWasAppended) {
-    append("hello", 6, helloTime);
-    append(std::string("up to\0here", 10), -1, UINT64_MAX);
-    load();
-    flush();
-    const std::vector<Line>& lines = sink.written;
-    EXPECT_EQ(lines, (std::vector<Line>{{0, "hello"}, {1, "up to"}}));
-    EXPECT_EQ(lines[0].priority, 6);
-    EXPECT_EQ(lines[0].time, helloTime);
-    EXPECT_EQ(lines[1].priority, 255); // one byte of it is kept
-    EXPECT_EQ(lines[1].time, UINT64_MAX);
-}
-
 TEST_F(EepromTest, whatFailsIsToldAndLeavesTheRest) {
+    const std::function<int()> flushing = [&] { return flush(); };
+    const std::function<int()> clearing = [&] { return clear(); };
+    const std::function<int()> appending = [&] { return append("next"), 0; };
+    const std::function<int()> loading = [&] { return load(), 0; };
     struct Case {
-        const char* name;
-        std::function<void()> arrange;
         std::function<int()> work;
+        std::uint64_t failing; // transfer, from the end; 0 is none
+        qwk::framLayout::Header header;
         int result;
-        std::vector<std::string> diagnostics;
-        std::uint32_t endAfter; // by header copy 1
+        std::uint8_t endAfter; // by header copy 1
+        std::string diagnostics;
     };
-    const auto failLast = [&](std::uint64_t count, std::function<int()> work) {
-        const auto before = chip.image();
-        chip.clearRecord();
-        work();
-        chip.setImage(before);
-        sink.written.clear();
-        said();
-        chip.failTransfer(chip.transferCount() - count + 1);
-    };
-    const auto flushing = [&] { return flush(); };
-    const auto clearing = [&] { return clear(); };
-    const auto appending = [&] { return append("next"), 0; };
-    const std::string notWritten = " at address 0 failed.";
+    const std::string notReset = "Writing of 18 bytes at address 0 failed.|";
+    const std::string notCleared = "Writing of 8192 bytes at address 0 failed.|";
+    const std::string written = " log entries written, next sequence number is [0000000";
     const Case cases[] = {
-        {"reset of copy 0",
-         [&] { failLast(2, flushing); },
-         flushing,
+        {flushing,
+         2,
+         {56, 1, 1},
          -1,
-         {"info: 1 log entries written, next sequence number is [00000001].",
-          "Writing of 18 bytes" + notWritten, "Cannot write headers."},
-         56},
-        {"copy 0 of an append",
-         [&] { failLast(2, appending); },
-         appending,
-         0,
-         {"Writing of 18 bytes" + notWritten, "Writing log to FRAM cache failed."},
-         56},
-        {"clear",
-         [&] { failLast(3, clearing); },
-         clearing,
-         -1,
-         {"Writing of 8192 bytes" + notWritten, "Clearing of FRAM failed."},
-         56},
-        {"flush without a header", [&] { chip.setImage({}); }, flushing, -1, {}, 0},
-        {"a count without entries",
-         [&] { useHeader(36, 7, 9); },
-         flushing,
-         0,
-         {"info: 0 log entries written, next sequence number is [00000009]."},
-         36},
-        {"the header's count is told",
-         [&] { useHeader(56, 7, 9); },
-         [&] { return load(), 0; },
-         0,
-         {"info: 7 log entries read from cache."},
-         56},
-    };
+         56,
+         "info: 1" + written + "1].|" + notReset + "Cannot write headers.|"},
+        {appending, 2, {56, 1, 1}, 0, 56, notReset + "Writing log to FRAM cache failed.|"},
+        {clearing, 3, {56, 1, 1}, -1, 56, notCleared + "Clearing of FRAM failed.|"},
+        {flushing, 0, {}, -1, 0, ""}, // no header at all
+        {flushing, 0, {36, 7, 9}, 0, 36, "info: 0" + written + "9].|"},
+        {loading, 0, {56, 7, 9}, 0, 56, "info: 7 log entries read from cache.|"}};
     for (const Case& one : cases) {
-        SCOPED_TRACE(one.name);
-        useEmptyCache(oneEntryHeader);
-        poke(36, helloRecord);
-        one.arrange();
-        said();
-        sink.recent = {{0, "hello"}};
+        SCOPED_TRACE(&one - cases);
+        const auto arrange = [&] {
+            useCache(one.header);
+            poke(36, helloRecord);
+            if (one.header.end == 0)
+                chip.setImage({});
+            sink.recent = {{0, "hello"}};
+        };
+        arrange();
+        chip.clearRecord();
+        one.work();
+        const std::uint64_t transfers = chip.transferCount();
+        arrange();
+        chip.failTransfer(transfers - one.failing + 1);
         EXPECT_EQ(one.work(), one.result);
-        EXPECT_EQ(said(), one.diagnostics);
-        EXPECT_EQ(bytes(headerSize + 7, 1)[0], one.endAfter);
+        EXPECT_EQ(told(), one.diagnostics);
+        EXPECT_EQ(bytes(18 + 7, 1)[0], one.endAfter);
         EXPECT_TRUE(one.result == 0 || sink.recent.empty());
         chip.clearFaults();
     }
@@ -415,16 +282,12 @@ TEST_F(EepromTest, whatFailsIsToldAndLeavesTheRest) {
 
 TEST_F(EepromTest, openTriesUntilItsTimeIsUp) {
     chip.refuseOpens();
-    const auto attempts = [&](int timeoutMs) {
-        said();
+    for (const auto& [timeoutMs, attempts] : {std::pair(0, 1), {49, 1}, {50, 2}, {200, 3}}) {
         EXPECT_EQ(qwk::Eeprom::open(&sink, timeoutMs), nullptr);
         const auto texts = said();
-        return std::count(texts.begin(), texts.end(), "Error opening I2C Device: /dev/i2c-2");
-    };
-    EXPECT_EQ(attempts(0), 1);
-    EXPECT_EQ(attempts(49), 1);
-    EXPECT_EQ(attempts(50), 2);
-    EXPECT_EQ(attempts(200), 3);
+        EXPECT_EQ(std::count(texts.begin(), texts.end(), "Error opening I2C Device: /dev/i2c-2"),
+                  attempts);
+    }
     // Without limit it returns once the device has appeared.
     std::thread repair([&] {
         EXPECT_TRUE(syslog.waitFor("Cannot access address 80 at /dev/i2c-2", 10s));
@@ -439,43 +302,38 @@ TEST_F(EepromTest, aSlowReaderOfADumpHoldsNoLock) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     ASSERT_GT(fcntl(ends[1], F_SETPIPE_SZ, 4096), 0); // a tenth of the dump
-    std::FILE* out = fdopen(ends[1], "w");
-    chip.clearRecord();
-    std::thread dumping([&] { use([&](qwk::Eeprom& eeprom) { eeprom.hexDump(out); }); });
+    std::thread dumping([&, out = fdopen(ends[1], "w")] {
+        use([&](qwk::Eeprom& eeprom) { eeprom.hexDump(out); });
+        std::fclose(out);
+    });
     pollfd reading{ends[0], POLLIN, 0};
     EXPECT_EQ(poll(&reading, 1, 10000), 1); // the dump is being printed
     append("meanwhile");                    // would wait for ever for a lock held by the dump
-    char text[8];
+    char text[4096];
     EXPECT_EQ(::read(ends[0], text, 4), 4);
     EXPECT_EQ(std::string(text, 4), "0000");
-    std::thread draining([&] {
-        char rest[4096];
-        while (::read(ends[0], rest, sizeof rest) > 0) {
-        }
-    });
+    while (::read(ends[0], text, sizeof text) > 0) {
+    }
     dumping.join();
-    std::fclose(out);
-    draining.join();
     close(ends[0]);
 }
 
 TEST_F(EepromTest, operationsOfSeveralThreadsNeverMix) {
-    useEmptyCache(); // and no load, which would be an operation of its own
+    useCache(); // and no load, which would be an operation of its own
+    chip.clearRecord();
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread) {
+    for (int thread = 0; thread < 4; ++thread)
         threads.emplace_back([this, thread] {
             const std::unique_ptr<std::FILE, int (*)(std::FILE*)> nowhere(
                 std::fopen("/dev/null", "w"), std::fclose);
             for (int i = 0; i < 300; ++i)
                 if (thread < 2)
-                    append(std::to_string(thread) + '.' + std::to_string(i) +
-                           std::string(200, '.'));
+                    append(std::to_string(2 * i + thread) + std::string(200, '.'));
                 else if (thread == 2)
                     i % 20 == 0 ? clear() : flush();
                 else
                     use([&](qwk::Eeprom& eeprom) { return eeprom.hexDump(nowhere.get()); });
         });
-    }
     for (std::thread& thread : threads)
         thread.join();
     // Each object has an open of its own: all its transfers stand together.
@@ -499,7 +357,7 @@ TEST_F(EepromTest, withoutASinkTheChipStillWorks) {
     EXPECT_EQ(open()->flush(), -1);
     EXPECT_EQ(chip.image(), before);
     load();
-    EXPECT_EQ(sink.recent, (std::vector<Line>{{0, "alone"}}));
+    EXPECT_EQ(sink.recent, (Lines{{0, "alone"}}));
     EXPECT_EQ(open()->clear(), 0);
     EXPECT_EQ(chip.image(), framEmulator::Image{});
 }
