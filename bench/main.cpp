@@ -31,9 +31,9 @@ void printHead() {
     std::cout
         << "# Performance\n\n"
            "Written by `scripts/bench`, which measures everything anew on the machine that it "
-           "runs on.\nTimes depend on the machine; the ratios are between things measured "
-           "in one run, in random order, as\nmedians over nine repetitions. Log files and "
-           "journal lie in memory (tmpfs).\n\n"
+           "runs on.\nTimes depend on the machine; what stands side by side was measured in "
+           "one run, in turn or in random\norder, mostly as medians over nine repetitions. Log "
+           "files and journal lie in memory (tmpfs).\n\n"
            "Machine: "
         << std::thread::hardware_concurrency() << " x " << processorModel() << ", "
         << system.machine << ", Linux " << system.release << ", g++ " << __VERSION__

@@ -160,8 +160,8 @@ TEST_F(PowerCutTest, atEveryByteOfEveryOperation) {
         {"append into a new chip", 0, Work::append, 1},
         {"append into an empty cache", 2, Work::append, 1, notDamaged, true},
         {"append into a filled cache", 5, Work::append, 1},
-        {"append that fills the chip", fullChip - 1, Work::append, 5},
-        {"append over the end of a write chunk", 35, Work::append, 3},
+        {"append that fills the chip", fullChip - 1, Work::append, 11},
+        {"append over the end of a write chunk", 35, Work::append, 7},
         {"append that flushes first", fullChip, Work::append, 97},
         {"flush", 5, Work::flush, 1},
         {"flush of a full chip", fullChip, Work::flush, 97},
@@ -183,7 +183,7 @@ TEST_F(PowerCutTest, atEveryByteOfEveryOperation) {
                                             (at + static_cast<std::uint64_t>(torn)) % 2 == 0));
             // A recovery of few entries: the headers, perhaps a repair, the entries, the reset.
             for (std::uint64_t second = at % 7; scenario.entries <= 5 && second < 700;
-                 second += stride(97))
+                 second += stride(197))
                 ASSERT_NO_FATAL_FAILURE(
                     cut(before, scenario.work, at, TornByte::randomBits, second, at % 2 == 0));
         }

@@ -141,9 +141,21 @@ void enterSandbox() {
     }
 }
 
+static bool otherThreadsSleep() {
+    const std::string self = std::to_string(::getpid());
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string stat = readFile((task.path() / "stat").string());
+        if (task.path().filename() != self && stat[stat.rfind(')') + 2] != 'S')
+            return false;
+    }
+    return true;
+}
+
 void restartInSandbox(char** argv) {
     if (std::getenv("QUILLWICK_SANDBOX") != nullptr)
         return;
+    // A library may have started threads before main(). None may hold a lock over the fork.
+    eventually(std::chrono::seconds(10), otherThreadsSleep);
     enterSandbox();
     ::setenv("QUILLWICK_SANDBOX", "entered", 1);
     std::vector<const char*> command = {QUILLWICK_TEST_LAUNCHER};

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -17,12 +18,16 @@
 namespace testSupport {
 namespace {
 
+const char path[] = "/dev/log";
 const char mark[] = "-- all before this was received --";
 
-// "<30>Jan  1 00:00:00 identifier[123]: text"
+// "<30>Jan  1 00:00:00 identifier[123]: text"; what has another form is returned whole.
 SyslogMessage parse(const std::string& datagram) {
     constexpr std::size_t dateLength = 16;
-    const std::size_t separator = datagram.find(": ", datagram.find('>') + dateLength);
+    const std::size_t date = datagram.find('>') + 1;
+    const std::size_t separator = datagram.find(": ", date + dateLength);
+    if (datagram[0] != '<' || date == 0 || separator == std::string::npos)
+        return {-1, datagram};
     return {std::atoi(datagram.c_str() + 1), datagram.substr(separator + 2)};
 }
 
@@ -30,15 +35,17 @@ SyslogMessage parse(const std::string& datagram) {
 
 SyslogCapture::SyslogCapture() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     ::closelog(); // the C library stays connected to a former receiver otherwise
-    const sockaddr_un address = {AF_UNIX, "/dev/log"};
-    ::unlink(address.sun_path);
+    ::unlink(path);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::copy(std::begin(path), std::end(path), address.sun_path);
     if (::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        throw std::system_error(errno, std::generic_category(), address.sun_path);
+        throw std::system_error(errno, std::generic_category(), path);
     receiver_ = std::thread(&SyslogCapture::receive, this);
 }
 
 SyslogCapture::~SyslogCapture() {
-    ::unlink("/dev/log");
+    ::unlink(path);
     ::shutdown(socket_.get(), SHUT_RDWR); // wakes the receiver
     receiver_.join();
     ::closelog();
@@ -53,17 +60,23 @@ void SyslogCapture::receive() {
             continue;
         if (count <= 0)
             return;
+        SyslogMessage message = parse({buffer.data(), static_cast<std::size_t>(count)});
         const std::lock_guard<std::mutex> lock(mutex_);
-        messages_.push_back(parse({buffer.data(), static_cast<std::size_t>(count)}));
+        messages_.push_back(std::move(message));
+        received_.notify_all();
     }
 }
 
 std::vector<SyslogMessage> SyslogCapture::take() {
     ::syslog(LOG_DEBUG, "%s", mark);
-    while (!waitFor(mark, std::chrono::minutes(1))) {
-    }
-    const std::lock_guard<std::mutex> lock(mutex_);
-    messages_.erase(find(mark));
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto found = messages_.end();
+    received_.wait(lock, [&] {
+        found = std::find_if(messages_.begin(), messages_.end(),
+                             [](const SyslogMessage& message) { return message.text == mark; });
+        return found != messages_.end();
+    });
+    messages_.erase(found);
     return std::exchange(messages_, {});
 }
 
@@ -72,14 +85,12 @@ bool SyslogCapture::waitFor(std::string_view text, std::chrono::milliseconds lim
         limit,
         [&] {
             const std::lock_guard<std::mutex> lock(mutex_);
-            return find(text) != messages_.end();
+            return std::any_of(
+                messages_.begin(), messages_.end(),
+                [&](const SyslogMessage& message) {
+                    return message.text.find(text) != std::string::npos;
+                });
         });
-}
-
-std::vector<SyslogMessage>::iterator SyslogCapture::find(std::string_view text) {
-    return std::find_if(
-        messages_.begin(), messages_.end(),
-        [&](const SyslogMessage& message) { return message.text.find(text) != std::string::npos; });
 }
 
 } // namespace testSupport

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -32,11 +33,11 @@ public:
 
 private:
     void receive();
-    std::vector<SyslogMessage>::iterator find(std::string_view text);
 
     Descriptor socket_;
     std::mutex mutex_;
     std::vector<SyslogMessage> messages_; // guarded by mutex_
+    std::condition_variable received_;
     std::thread receiver_;
 };
 
