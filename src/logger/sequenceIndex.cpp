@@ -189,15 +189,32 @@ int Logger::findId(const std::string& path, std::uint32_t id, std::uint32_t& off
 int Logger::findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
                           std::uint32_t& offset) {
     for (;;) {
-        NumberedLine probe{0, interpolate(id, low, high)};
+        const std::uint32_t place = interpolate(id, low, high);
+        NumberedLine probe{0, place};
         if (readIdAt(fd, probe.offset, probe.id) != 0)
             return -1;
         if (probe.id == id)
             return offsetIfSame(probe, id, offset);
         // Every probe strictly between the bounds becomes one of them.
-        if (probe.id <= low.id || probe.id >= high.id)
+        if (probe.id <= low.id || probe.id >= high.id) {
+            approach(fd, id, place, low);
             return walkToId(fd, id, low.offset + 1, probe.id, high.id, offset);
+        }
         (id < probe.id ? high : low) = probe;
+    }
+}
+
+void Logger::approach(int fd, std::uint32_t id, std::uint32_t place, NumberedLine& low) {
+    std::uint64_t step = blockSize;
+    while (low.offset + step < place) {
+        NumberedLine line{0, place - static_cast<std::uint32_t>(step)};
+        if (readIdAt(fd, line.offset, line.id) != 0)
+            return;
+        if (line.id > low.id && line.id < id) {
+            low = line;
+            return;
+        }
+        step *= 2;
     }
 }
 
