@@ -18,7 +18,7 @@ constexpr std::uint32_t addressBytes = 2;
 constexpr std::uint32_t maxTransfer = 4096;
 constexpr std::uint32_t maxChunk = maxTransfer - addressBytes;
 constexpr std::uint16_t defaultDumpLength = 1024;
-constexpr std::uint32_t dumpLineBytes = 16;
+constexpr std::size_t dumpLineBytes = 16;
 
 // Memory addresses go over the wire high byte first.
 void putAddress(std::uint8_t* bytes, std::uint32_t address) {
@@ -32,11 +32,11 @@ bool isPrintable(std::uint8_t byte) {
 
 // The hexadecimal column, two blanks and the character column of up to 16 bytes. A short line is
 // padded, so that its characters stay in their column.
-std::string dumpLine(const std::uint8_t* bytes, std::uint32_t count) {
+std::string dumpLine(const std::uint8_t* bytes, std::size_t count) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string hex(3 * dumpLineBytes - 1, ' ');
     std::string characters;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         hex[3 * i] = digits[bytes[i] >> 4];
         hex[3 * i + 1] = digits[bytes[i] & 0x0F];
         characters += isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
@@ -89,10 +89,11 @@ int EepromBase::write(std::uint16_t address, const void* data, std::uint16_t len
         const std::uint32_t chunk = std::min(length - done, capacity - current % capacity);
         putAddress(staging.get(), current);
         std::memcpy(staging.get() + addressBytes, bytes + done, chunk);
-        const ssize_t written = ::write(fd, staging.get(), chunk + addressBytes);
+        const std::size_t transfer = std::size_t{chunk} + addressBytes;
+        const ssize_t written = ::write(fd, staging.get(), transfer);
         if (pageSize != 0)
             waitForPageWrite();
-        if (written != static_cast<ssize_t>(chunk + addressBytes)) {
+        if (written != static_cast<ssize_t>(transfer)) {
             qwk::report(LOG_ERR, "Writing of %d bytes at address %d failed.", int{length},
                         static_cast<int>(start));
             return -1;
@@ -140,9 +141,10 @@ int EepromBase::readImage(Image& image) {
 void EepromBase::printImage(const Image& image, std::FILE* out) const {
     if (!image)
         return;
-    for (std::uint32_t at = 0; at < imageLength(); at += dumpLineBytes) {
-        const std::uint32_t count = std::min(imageLength() - at, dumpLineBytes);
-        std::fprintf(out != nullptr ? out : stdout, "%04x  %s\n", at,
+    const std::size_t length = imageLength();
+    for (std::size_t at = 0; at < length; at += dumpLineBytes) {
+        const std::size_t count = std::min(length - at, dumpLineBytes);
+        std::fprintf(out != nullptr ? out : stdout, "%04zx  %s\n", at,
                      dumpLine(image.get() + at, count).c_str());
     }
     if (out != nullptr)

@@ -54,7 +54,7 @@ void Logger::readConfiguration() {
     // Only properties whose names begin with "log4cplus." pass, without that prefix.
     log4cplus::PropertyConfigurator configurator(configurationPath,
                                                  log4cplus::Logger::getDefaultHierarchy(), 0);
-    const Properties properties = configurator.getProperties();
+    const Properties& properties = configurator.getProperties();
     logSize_ = readSetting(properties, "logsize", static_cast<std::int32_t>(logSize_),
                            smallestLogSize, anySize);
     logLevel_ = readSetting(properties, "loglevel", logLevel_, 1, 6);

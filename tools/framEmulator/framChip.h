@@ -47,8 +47,6 @@ public:
     FramChip() : FramChip(ownMemory_) {}
     /// A powered chip whose bytes live in `memory`, which outlives it.
     explicit FramChip(Image& memory) : memory_(memory) {}
-    FramChip(const FramChip&) = delete;
-    FramChip& operator=(const FramChip&) = delete;
 
     /// The first byte sets the upper and the second the lower half of the address counter (modulo
     /// the chip's size), further bytes are stored from there on. A lone byte sets the upper half.
