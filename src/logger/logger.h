@@ -91,9 +91,8 @@ public:
 
     /// Sends the newest log bytes, at most `maxsize` (0 or more), to a non-blocking `socket`, which
     /// stays open; with `listen` then every new line, until the client goes or streams are ended.
-    /// Returns 0, or -1 when the transfer buffer cannot be
-    /// allocated; throws std::system_error when the mutex fails. Waits for the client without the
-    /// lock.
+    /// Returns 0, or -1 when the transfer buffer cannot be allocated; throws std::system_error when
+    /// the mutex fails. Waits for the client without the lock.
     int streamLogs(int maxsize, bool listen, int socket);
 
     /// Makes every stream end, waiting and future ones. The caller holds the lock.
