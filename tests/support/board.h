@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,6 +33,9 @@ struct Line {
         return out << '[' << line.id << "] " << line.message;
     }
 };
+using Lines = std::vector<Line>;
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+using Bytes = std::vector<std::uint8_t>;
 
 // The log as the FRAM cache sees it: lines that reached the log file, and the recent entries.
 class RecordingSink : public qwk::LogSink {
@@ -38,36 +43,40 @@ public:
     void nextSequenceNumber(std::uint32_t& next) override { next = nextId; }
     void sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
               const std::string& message) override {
-        EXPECT_TRUE(isLocked());
+        EXPECT_TRUE(isLocked);
         written.push_back({id, message, priority, time});
     }
     void addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
                     const std::string& message) override {
-        EXPECT_TRUE(isLocked());
+        EXPECT_TRUE(isLocked);
         recent.push_back({id, message, priority, time});
         filled = true;
     }
     void clearCache() override {
-        EXPECT_TRUE(isLocked());
+        EXPECT_TRUE(isLocked);
         recent.clear();
     }
     bool isCacheFilled() override {
-        EXPECT_TRUE(isLocked());
+        EXPECT_TRUE(isLocked);
         return filled;
     }
-    void lock() override { mutex_.lock(); }
+    void lock() override {
+        mutex_.lock();
+        isLocked = true;
+    }
     void unlock() override {
         if (onUnlock)
             onUnlock();
+        isLocked = false;
         mutex_.unlock();
     }
-    bool isLocked() { return mutex_.try_lock() ? (mutex_.unlock(), false) : true; }
 
     std::uint32_t nextId = 0; // what the log file would say
     std::function<void()> onUnlock;
+    bool isLocked = false;
     bool filled = false;
-    std::vector<Line> written;
-    std::vector<Line> recent;
+    Lines written;
+    Lines recent;
 
 private:
     std::mutex mutex_;
@@ -76,60 +85,49 @@ private:
 // The board's chip at its place, and a cache over it whose every operation opens the device anew.
 class Board : public testing::Test {
 protected:
-    template<typename Operation>
-    auto use(Operation operation) {
-        const std::unique_ptr<qwk::Eeprom> eeprom(qwk::Eeprom::open(&sink, 0));
-        if (!eeprom)
-            throw std::runtime_error("the stand-in chip does not open");
-        return operation(*eeprom);
-    }
-    void append(const std::string& message, std::int32_t priority = 6, std::uint64_t time = 0) {
-        use([&](qwk::Eeprom& eeprom) { eeprom.append(priority, time, message); });
-    }
-    int flush() {
-        return use([](qwk::Eeprom& eeprom) { return eeprom.flush(); });
-    }
-    int clear() {
-        return use([](qwk::Eeprom& eeprom) { return eeprom.clear(); });
-    }
+    qwk::Eeprom cache() { return qwk::Eeprom("/dev/i2c-2", 0x50, &sink); }
+    void append(const std::string& message) { cache().append(6, 0, message); }
     // A new process would know nothing of the entries in the chip, but for what the load finds.
-    void restart() {
+    void load() {
         sink.recent.clear();
         sink.filled = false;
-    }
-    void load() {
-        restart();
-        use([](qwk::Eeprom&) {});
+        cache();
     }
 
-    std::vector<std::uint8_t> bytes(std::size_t from, std::size_t count) {
+    Bytes bytes(std::size_t from, std::size_t count) {
         const framEmulator::Image image = chip.image();
-        return {image.begin() + static_cast<std::ptrdiff_t>(from),
-                image.begin() + static_cast<std::ptrdiff_t>(from + count)};
+        return {&image[from], &image[from] + count};
     }
-    void poke(std::size_t at, const std::vector<std::uint8_t>& values) {
+    void poke(std::size_t at, const Bytes& values) {
         framEmulator::Image image = chip.image();
-        std::copy(values.begin(), values.end(), image.begin() + static_cast<std::ptrdiff_t>(at));
+        std::copy(values.begin(), values.end(), &image[at]);
         chip.setImage(image);
     }
-    // The diagnostics since the last call, with their severity unless they are errors.
-    std::vector<std::string> said() {
-        std::vector<std::string> texts;
-        for (const SyslogMessage& message : syslog.take()) {
-            const int severity = message.priority - LOG_DAEMON;
-            const std::string prefix = severity == LOG_ERR       ? ""
-                                       : severity == LOG_WARNING ? "warning: "
-                                       : severity == LOG_INFO    ? "info: "
-                                                                 : "unexpected severity: ";
-            texts.push_back(prefix + message.text);
-        }
-        return texts;
+    // The transfers since the last call: w or r, the address, the length with a write's address.
+    std::string transfers() {
+        std::string all;
+        for (const framEmulator::Transfer& transfer : chip.record())
+            all += (transfer.kind == framEmulator::TransferKind::write ? " w" : " r") +
+                   std::to_string(transfer.address) + ':' + std::to_string(transfer.requested);
+        chip.clearRecord();
+        return all;
+    }
+    // The diagnostics since the last call, each with its severity unless it is an error, and a bar.
+    std::string said() {
+        const std::map<int, std::string> severities = {{LOG_DAEMON | LOG_ERR, ""},
+                                                       {LOG_DAEMON | LOG_WARNING, "warning: "},
+                                                       {LOG_DAEMON | LOG_INFO, "info: "}};
+        std::string all;
+        for (const SyslogMessage& message : syslog.take())
+            all += severities.at(message.priority) + message.text + '|';
+        return all;
     }
 
     SyslogCapture syslog;
     framEmulator::FramChip chip;
     framEmulator::FramDevice device{"/dev/i2c-2", chip};
     RecordingSink sink;
+    File nowhere{std::fopen("/dev/null", "w"), std::fclose};
 };
 
 } // namespace testSupport
