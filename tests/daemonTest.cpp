@@ -27,11 +27,10 @@ protected:
     // The daemon under a tracer of its system calls; ready when this returns.
     std::unique_ptr<ChildProcess> traceDaemon(const std::string& calls,
                                               std::vector<std::string> options) {
-        options.insert(options.end(), {"-f", "-y", "-e", "trace=" + calls, "-o", tracePath,
-                                       buildPath("quillwick")});
         // The leak check needs the tracer's place.
-        auto process = std::make_unique<ChildProcess>(
-            "/usr/bin/strace", options, ChildOptions{{}, {"ASAN_OPTIONS=detect_leaks=0"}, false});
+        options.insert(options.end(), {"-f", "-y", "-e", "trace=" + calls, "-o", tracePath, "-E",
+                                       "ASAN_OPTIONS=detect_leaks=0", buildPath("quillwick")});
+        auto process = std::make_unique<ChildProcess>("/usr/bin/strace", options);
         EXPECT_TRUE(eventually(30s, [] { return connectToDaemon().isOpen(); }));
         return process;
     }
@@ -95,7 +94,7 @@ TEST_F(ClientTest, printsEachPieceUpToItsFirstZeroByte) {
                                                          {piece + '\0', piece + "\n"}};
     listenAsDaemon();
     for (const auto& [answer, printed] : cases) {
-        ChildProcess process(buildPath("quillwick"), {"-g", "1000"}, {{}, {}, true});
+        ChildProcess process(buildPath("quillwick"), {"-g", "1000"});
         {
             const Descriptor connection(accept(listening.get(), nullptr, nullptr));
             char request[1024];
@@ -211,8 +210,8 @@ TEST_F(DaemonTest, runsOnlyOnce) {
     EXPECT_EQ(client({}), "Server already running.\n");
     // Neither a client nor a program of a longer name is a daemon; stopped, they stay.
     ASSERT_EQ(symlink("/usr/bin/yes", "/tmp/quillwick2"), 0);
-    ChildProcess listener(buildPath("quillwick"), {"-l", "-g", "0"}, {{}, {}, true});
-    ChildProcess other("/tmp/quillwick2", {}, {{}, {}, true});
+    ChildProcess listener(buildPath("quillwick"), {"-l", "-g", "0"});
+    ChildProcess other("/tmp/quillwick2", {});
     listener.kill(SIGSTOP);
     other.kill(SIGSTOP);
     EXPECT_EQ(daemon.end(), 0);

@@ -99,7 +99,7 @@ TEST_F(FramDeviceTest, passesEachCallOnAsOneTransferOfASharedChip) {
 TEST(FramEmulatorProgramTest, keepsEachByteThoughKilledAndUnmountsWhenStopped) {
     for (const int signal : {SIGKILL, SIGTERM}) { // the second takes over from the dead mount
         ChildProcess emulator(buildPath("fram-emulator"),
-                              {"--image", "/tmp/fram.image", "/dev/i2c-2"}, {{}, {}, true});
+                              {"--image", "/tmp/fram.image", "/dev/i2c-2"});
         ASSERT_TRUE(emulator.waitForOutput("Serving /dev/i2c-2\n", 20s)) << emulator.output();
         Bus bus; // stays open beyond the end
         Bytes two(2);

@@ -75,7 +75,7 @@ TEST_F(ServerTest, takesItsPathOverForItsUserOnly) {
 
 TEST_F(ServerTest, storesEntriesWithoutItsPath) {
     std::filesystem::create_directory(qwk::controlSocketPath);
-    ChildProcess daemon(buildPath("quillwick"), {}, {{}, {}, true});
+    ChildProcess daemon(buildPath("quillwick"), {});
     const std::string failure = "Cannot bind socket to /tmp/quillwick (Address already in use)";
     EXPECT_TRUE(daemon.waitForOutput(failure + "\n.", 10s));
     EXPECT_TRUE(syslog.waitFor(failure + ".", 10s));

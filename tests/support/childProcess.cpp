@@ -23,37 +23,25 @@ Descriptor openMemoryFile(const std::string& text) {
     return file;
 }
 
-std::vector<char*> pointersTo(std::vector<std::string>& strings) {
-    std::vector<char*> pointers;
-    for (std::string& string : strings)
-        pointers.push_back(string.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 } // namespace
 
 ChildProcess::ChildProcess(const std::string& path, const std::vector<std::string>& args,
-                           ChildOptions options) {
-    const Descriptor input = openMemoryFile(options.input);
-    std::vector<std::string> arguments = {path};
-    arguments.insert(arguments.end(), args.begin(), args.end());
-    // Of two values for one name getenv() finds the first.
-    for (char** variable = environ; *variable != nullptr; ++variable)
-        options.environment.emplace_back(*variable);
+                           const std::string& input)
+    : output_(openMemoryFile({})) {
+    const Descriptor inputFile = openMemoryFile(input);
+    std::vector<const char*> arguments = {path.c_str()};
+    for (const std::string& argument : args)
+        arguments.push_back(argument.c_str());
+    arguments.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
-    if (options.captureOutput) {
-        output_ = openMemoryFile({});
-        ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
-        ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
-    }
+    ::posix_spawn_file_actions_adddup2(&actions, inputFile.get(), STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
     // Not bound to the life of the starting thread: the sandbox's end is the child's end anyway.
-    const int error =
-        ::posix_spawn(&pid_, path.c_str(), &actions, nullptr, pointersTo(arguments).data(),
-                      pointersTo(options.environment).data());
+    const int error = ::posix_spawn(&pid_, path.c_str(), &actions, nullptr,
+                                    const_cast<char**>(arguments.data()), environ);
     ::posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), path);
@@ -82,7 +70,7 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
 
 std::string ChildProcess::output() const {
     // Seen through /proc, a file's own position stays where the child writes.
-    return output_.get() < 0 ? "" : readFile("/proc/self/fd/" + std::to_string(output_.get()));
+    return readFile("/proc/self/fd/" + std::to_string(output_.get()));
 }
 
 bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {
@@ -92,7 +80,7 @@ bool ChildProcess::waitForOutput(std::string_view text, std::chrono::millisecond
 
 RunResult run(const std::string& path, const std::vector<std::string>& args,
               const std::string& input, std::chrono::milliseconds limit) {
-    ChildProcess child(path, args, {input, {}, true});
+    ChildProcess child(path, args, input);
     const std::optional<int> ending = child.wait(limit);
     if (!ending)
         throw std::runtime_error(path + " did not end in time; it wrote: " + child.output());

@@ -14,20 +14,14 @@ namespace testSupport {
 
 using Descriptor = qwk::FileDescriptor;
 
-struct ChildOptions {
-    std::string input = {};                    // what the child reads from its standard input
-    std::vector<std::string> environment = {}; // NAME=value, before the inherited ones
-    bool captureOutput = false;                // stdout and stderr, in one, for output()
-};
-
 // A program running as a child; killed and reaped at the latest by the destructor. Not for use by
 // several threads at once.
 class ChildProcess {
 public:
-    // The path is not searched for; args do not contain the program's name. Throws
-    // std::system_error if the program cannot be started.
+    // The path is not searched for; args do not contain the program's name; input is what the child
+    // reads from its standard input. Throws std::system_error if the program cannot be started.
     ChildProcess(const std::string& path, const std::vector<std::string>& args,
-                 ChildOptions options = {});
+                 const std::string& input = {});
     ~ChildProcess();
 
     // The number remains after the end; it is free for other processes then.
@@ -37,9 +31,8 @@ public:
     // The exit status, or the negated number of the signal that ended the child; nothing if it
     // still runs at the limit. May be repeated.
     std::optional<int> wait(std::chrono::milliseconds limit);
-    bool isRunning() { return !wait(std::chrono::milliseconds(0)); }
 
-    // All that the child has written so far; empty unless captured.
+    // All that the child has written so far to standard output and standard error.
     std::string output() const;
     bool waitForOutput(std::string_view text, std::chrono::milliseconds limit) const;
 

@@ -51,7 +51,7 @@ inline std::string receiveAll(const Descriptor& socket) {
 // The daemon as a child process. The constructor returns when it serves clients.
 class Daemon {
 public:
-    Daemon() : process_(buildPath("quillwick"), {}, {{}, {}, true}) {
+    Daemon() : process_(buildPath("quillwick"), {}) {
         if (!eventually(30s, [] { return connectToDaemon().get() >= 0; }))
             throw std::runtime_error("the daemon serves no clients");
     }

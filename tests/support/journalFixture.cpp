@@ -66,9 +66,9 @@ Journald::Journald() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) 
               "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nRateLimitBurst=0\n"
               "ForwardToSyslog=no\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
               "ReadKMsg=no\nAudit=no\n");
-    daemon_ =
-        std::make_unique<ChildProcess>("/lib/systemd/systemd-journald", std::vector<std::string>{},
-                                       ChildOptions{{}, {"SYSTEMD_LOG_TARGET=console"}, true});
+    daemon_ = std::make_unique<ChildProcess>(
+        "/usr/bin/env",
+        std::vector<std::string>{"SYSTEMD_LOG_TARGET=console", "/lib/systemd/systemd-journald"});
 
     // It answers only when all its sockets are there.
     const bool ready =
