@@ -13,8 +13,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "support/sandbox.h"
-
 namespace testSupport {
 namespace {
 
@@ -81,16 +79,10 @@ std::vector<SyslogMessage> SyslogCapture::take() {
 }
 
 bool SyslogCapture::waitFor(std::string_view text, std::chrono::milliseconds limit) {
-    return eventually(
-        limit,
-        [&] {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            return std::any_of(
-                messages_.begin(), messages_.end(),
-                [&](const SyslogMessage& message) {
-                    return message.text.find(text) != std::string::npos;
-                });
-        });
+    const auto fits = [&](const auto& message) { return message.text.find(text) != text.npos; };
+    std::unique_lock<std::mutex> lock(mutex_);
+    return received_.wait_for(
+        lock, limit, [&] { return std::any_of(messages_.begin(), messages_.end(), fits); });
 }
 
 } // namespace testSupport
