@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <random>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "support/daemon.h"

@@ -6,7 +6,6 @@
 #include <memory>
 #include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <vector>
 
 #include "framEmulator/framChip.h"
@@ -83,8 +82,7 @@ protected:
         journald = std::make_unique<Journald>();
     }
     std::string logFile() {
-        struct stat status;
-        return stat(qwk::logFilePath, &status) == 0 ? readFile(qwk::logFilePath) : std::string();
+        return std::filesystem::exists(qwk::logFilePath) ? readFile(qwk::logFilePath) : "";
     }
     // Each text as an error of one program, in the journal's files when this returns.
     void log(const std::vector<std::string>& texts) {
