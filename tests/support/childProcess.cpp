@@ -79,9 +79,9 @@ bool ChildProcess::waitForOutput(std::string_view text, std::chrono::millisecond
 }
 
 RunResult run(const std::string& path, const std::vector<std::string>& args,
-              const std::string& input, std::chrono::milliseconds limit) {
+              const std::string& input) {
     ChildProcess child(path, args, input);
-    const std::optional<int> ending = child.wait(limit);
+    const std::optional<int> ending = child.wait(std::chrono::minutes(1));
     if (!ending)
         throw std::runtime_error(path + " did not end in time; it wrote: " + child.output());
     return {*ending, child.output()};

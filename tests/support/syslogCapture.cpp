@@ -19,13 +19,11 @@ namespace {
 const char path[] = "/dev/log";
 const char mark[] = "-- all before this was received --";
 
-// "<30>Jan  1 00:00:00 identifier[123]: text"; what has another form is returned whole.
+// "<30>Jan  1 00:00:00 identifier[123]: text"
 SyslogMessage parse(const std::string& datagram) {
     constexpr std::size_t dateLength = 16;
     const std::size_t date = datagram.find('>') + 1;
     const std::size_t separator = datagram.find(": ", date + dateLength);
-    if (datagram[0] != '<' || date == 0 || separator == std::string::npos)
-        return {-1, datagram};
     return {std::atoi(datagram.c_str() + 1), datagram.substr(separator + 2)};
 }
 
