@@ -104,10 +104,11 @@ private:
     /// findId where low.id < id < high.id: by interpolation, and by a walk over what it leaves.
     int findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
                       std::uint32_t& offset);
-    /// Moves the lower bound up to a line closely before `place`, where the line should have been.
-    /// In a file whose lines differ in length the interpolation ends near the line while the lower
-    /// bound may still be the file's first line.
-    void approach(int fd, std::uint32_t id, std::uint32_t place, NumberedLine& low);
+    /// The start of a line below `id` closely before `place`, where that line should have been; at
+    /// worst that of `low`. In a file whose lines differ in length the interpolation ends near the
+    /// line while its lower bound may still be the file's first line.
+    std::uint32_t lineBefore(int fd, std::uint32_t id, std::uint32_t place,
+                             const NumberedLine& low);
     /// Visits the numbered lines from `from` on until `id`, a number above `highest` or the end.
     int walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current,
                  std::uint32_t highest, std::uint32_t& offset);

@@ -197,25 +197,29 @@ int Logger::findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLi
             return offsetIfSame(probe, id, offset);
         // Every probe strictly between the bounds becomes one of them.
         if (probe.id <= low.id || probe.id >= high.id) {
-            approach(fd, id, place, low);
-            return walkToId(fd, id, low.offset + 1, probe.id, high.id, offset);
+            const std::uint32_t near = lineBefore(fd, id, place, low);
+            if (walkToId(fd, id, near + 1, probe.id, high.id, offset) == 0)
+                return 0;
+            // Which lines a walk meets between lines without number depends on where it begins.
+            return near == low.offset ? -1
+                                      : walkToId(fd, id, low.offset + 1, probe.id, high.id, offset);
         }
         (id < probe.id ? high : low) = probe;
     }
 }
 
-void Logger::approach(int fd, std::uint32_t id, std::uint32_t place, NumberedLine& low) {
+std::uint32_t Logger::lineBefore(int fd, std::uint32_t id, std::uint32_t place,
+                                 const NumberedLine& low) {
     std::uint64_t step = blockSize;
     while (low.offset + step < place) {
         NumberedLine line{0, place - static_cast<std::uint32_t>(step)};
         if (readIdAt(fd, line.offset, line.id) != 0)
-            return;
-        if (line.id > low.id && line.id < id) {
-            low = line;
-            return;
-        }
+            break;
+        if (line.id > low.id && line.id < id)
+            return line.offset;
         step *= 2;
     }
+    return low.offset;
 }
 
 int Logger::walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current,
