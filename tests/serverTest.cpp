@@ -122,7 +122,7 @@ TEST_F(ServerTest, storesEntriesAfterItsDescriptorsWereUsedUp) {
     idle.clear();
     EXPECT_TRUE(eventually(20s, [&] { return chip.image() != framEmulator::Image{}; }));
     daemon.kill(SIGTERM);
-    EXPECT_EQ(daemon.wait(10s), 0);
+    EXPECT_EQ(daemon.wait(30s), 0);
 }
 
 // QUILLWICK_SHUTDOWNS sets how many.

@@ -82,8 +82,9 @@ void Server::acceptLoop() {
         if (listenSocket_ < 0)
             break;
         if (ready == 1 && !acceptClient(socket)) {
-            // Refused at once rather than queued for ever.
-            static_cast<void>(shutdown(socket, SHUT_RDWR));
+            // Closed, unless the destructor has taken it: whoever is queued, or waits in connect()
+            // for a place in the queue, is refused now rather than kept for ever.
+            const FileDescriptor closing(listenSocket_.exchange(-1));
             break;
         }
     }
