@@ -57,7 +57,8 @@ private:
     void wakeStreams();
     void waitForClients();
 
-    /// The listening descriptor; -1 when there is none. Closed by the destructor.
+    /// The listening descriptor; -1 when there is none. Whoever takes it out closes it: the
+    /// destructor, or the accept thread when it can accept no more.
     std::atomic<int> listenSocket_{-1};
     /// Null while no accept thread runs. Set with clientsMutex_ held, so that the thread cannot
     /// clear it before it is set; owned and deleted by the accept thread.
