@@ -6,6 +6,7 @@
 #include <future>
 #include <sys/socket.h>
 
+#include "logger/sequenceNumber.h"
 #include "support/logFixture.h"
 #include "support/paths.h"
 #include "support/syslogCapture.h"

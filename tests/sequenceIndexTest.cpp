@@ -1,20 +1,21 @@
 // The search for numbered lines in files and in memory, against a look through the whole text.
 
 #include <algorithm>
-#include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <optional>
-#include <unistd.h>
+#include <sstream>
 #include <vector>
 
-#include "support/childProcess.h"
-#include "support/logFixture.h"
+#include "logger/sequenceIndex.h"
+#include "logger/sequenceNumber.h"
+#include "support/memoryFile.h"
+#include "support/random.h"
 
 using namespace testSupport;
+namespace sequenceIndex = qwk::sequenceIndex;
 
 namespace {
-
-const std::string path = "/var/logperm/searched.log";
 
 constexpr std::uint32_t untouched = 0x5A5A5A5A;
 
@@ -25,15 +26,8 @@ Place at(std::size_t offset, std::uint32_t id = untouched) {
     return {{static_cast<std::uint32_t>(offset), id}};
 }
 
-class SequenceIndexTest : public LogTest {
+class SequenceIndexTest : public testing::Test {
 protected:
-    void useFile(const std::string& name) {
-        file = Descriptor(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-    }
-    void useText(const std::string& text) {
-        writeFile(path, text);
-        useFile(path);
-    }
     // What an operation finds. A failed one must leave its arguments as they are.
     template<typename Operation>
     Place find(Operation operation, std::uint32_t from = untouched) {
@@ -48,24 +42,28 @@ protected:
         return {};
     }
     Place readIdAt(std::uint32_t from) {
-        return find([&](auto& offset, auto& id) { return logger.readIdAt(file.get(), offset, id); },
+        return find([&](auto& offset, auto& id) { return sequenceIndex::readIdAt(fd, offset, id); },
                     from);
     }
     Place readLastId() {
         return find(
-            [&](auto& offset, auto& id) { return logger.readLastId(file.get(), offset, id); });
+            [&](auto& offset, auto& id) { return sequenceIndex::readLastId(fd, offset, id); });
     }
     template<typename... Text> // a path, or bytes and their number
     Place findId(std::uint32_t wanted, const Text&... text) {
-        return find([&](auto& offset, auto&) { return logger.findId(text..., wanted, offset); });
+        return find(
+            [&](auto& offset, auto&) { return sequenceIndex::findId(text..., wanted, offset); });
     }
     template<typename... Text>
     Place findNextLine(std::uint32_t from, const Text&... text) {
-        return find([&](auto& offset, auto&) { return logger.findNextLine(text..., offset); },
-                    from);
+        return find(
+            [&](auto& offset, auto&) { return sequenceIndex::findNextLine(text..., offset); },
+            from);
     }
 
-    Descriptor file;
+    MemoryFile file;
+    const std::string path = file.path();
+    int fd = file.descriptor();
 };
 
 // A log file's text and the start and number of each of its lines.
@@ -79,7 +77,7 @@ struct LogText {
         for (std::uint32_t i = 0; i < count; ++i, id += 1 + random.upTo(gap)) {
             lines.emplace_back(text.size(), id);
             text += qwk::sequenceTag(id) + std::string(random.upTo(widest), 'x');
-            // At most one line starts in a block here: behind a continuation the search goes on
+            // At most one line starts in a block here: after a continuation the search goes on
             // with the next block.
             if (random.oneIn(5))
                 text += '\n' + std::string(130 + random.upTo(widest), 'y');
@@ -95,13 +93,13 @@ struct LogText {
 
 } // namespace
 
-TEST_F(SequenceIndexTest, findsWhatALookThroughTheTextFinds) {
+TEST_F(SequenceIndexTest, findsTheLinesThatALookThroughTheTextFinds) {
     Random random;
     for (int round = 0; round < 60 && !HasFailure(); ++round) {
         const LogText log(random);
         const auto& [text, lines] = log;
         const int size = static_cast<int>(text.size());
-        useText(text);
+        file.set(text);
         EXPECT_EQ(readLastId(), lines.size() < 2 ? Place() : lines.back());
         for (std::uint32_t from = 0; from <= text.size() + 1 && !HasFailure(); ++from) {
             SCOPED_TRACE(from);
@@ -131,7 +129,7 @@ TEST_F(SequenceIndexTest, theLastLineIsFoundAtAnyDistanceFromTheEnd) {
     for (const char* ending : {"", "\n", "\n\tcontinued\n\n"}) {
         for (std::size_t length = 10; length < 300; ++length) {
             const std::string rest(length - 10, 'x');
-            useText("[00000006]" + rest + "\n[00000007]" + rest + "\n[00000008]" + rest + ending);
+            file.set("[00000006]" + rest + "\n[00000007]" + rest + "\n[00000008]" + rest + ending);
             EXPECT_EQ(readLastId(), at(2 * length + 2, 8)) << length;
             EXPECT_EQ(findId(7, path), at(length + 1)) << length;
         }
@@ -148,34 +146,35 @@ TEST_F(SequenceIndexTest, eightCharactersCountWhenTheyReadAsOneNumber) {
         {"[000002a", {}}};
     for (const auto& [line, id] : cases) {
         SCOPED_TRACE(line);
-        useText(line);
+        file.set(line);
         EXPECT_EQ(readIdAt(0), id ? at(0, *id) : Place());
         for (const std::size_t before : {0U, 10U, 117U, 118U, 119U, 126U, 127U, 128U}) {
-            useText(std::string(before, 'x') + '\n' + line);
+            file.set(std::string(before, 'x') + '\n' + line);
             EXPECT_EQ(readIdAt(0), id ? at(before + 1, *id) : Place()) << before;
             EXPECT_EQ(readLastId(), id ? at(before + 1, *id) : Place()) << before;
         }
     }
 }
 
-TEST_F(SequenceIndexTest, behindALineWithoutNumberTheNextBlockIsSearched) {
-    const std::string passedOver = "[00000001] a\n\tmore\n[00000002] b\n";
-    useText(passedOver + "[00000003]" + std::string(200, 'c') + "\n[00000004] d\n");
-    EXPECT_EQ(readIdAt(1), at(passedOver.size() + 211, 4));
-    EXPECT_EQ(readIdAt(19), at(passedOver.size(), 3));
+TEST_F(SequenceIndexTest, afterALineWithoutNumberTheNextBlockIsSearched) {
+    const std::string skipped = "[00000001] a\n\tmore\n[00000002] b\n";
+    file.set(skipped + "[00000003]" + std::string(200, 'c') + "\n[00000004] d\n");
+    EXPECT_EQ(readIdAt(1), at(skipped.size() + 211, 4));
+    EXPECT_EQ(readIdAt(19), at(skipped.size(), 3));
 }
 
-TEST_F(SequenceIndexTest, whatCannotBeReadHoldsNothing) {
-    const std::string missing = "/var/logperm/missing";
+TEST_F(SequenceIndexTest, nothingIsFoundWhereNothingCanBeRead) {
+    const std::string missing = "/missing";
     std::uint32_t offset = untouched;
-    EXPECT_EQ(logger.findId(missing, 1, offset), -2);
+    EXPECT_EQ(sequenceIndex::findId(missing, 1, offset), -2);
     EXPECT_EQ(offset, untouched);
     EXPECT_EQ(findNextLine(0, missing), Place());
-    const std::string folder = "/var/logperm";
+    const std::string folder = "/";
     EXPECT_EQ(findId(1, folder), Place());
     EXPECT_EQ(findNextLine(0, folder), Place());
-    for (const std::string& unreadable : {folder, missing}) {
-        useFile(unreadable);
+    const qwk::FileDescriptor opened = qwk::openForReading(folder.c_str());
+    for (const int unreadable : {opened.get(), -1}) {
+        fd = unreadable;
         EXPECT_EQ(readIdAt(0), Place()) << unreadable;
         EXPECT_EQ(readLastId(), Place()) << unreadable;
     }
@@ -190,11 +189,9 @@ TEST_F(SequenceIndexTest, offsetsReachToTheLast32BitOne) {
     // Numbers that grow in step with the offsets lead the search near the line at once.
     const std::uint32_t starts[] = {0x7FFFFFC0, 0x80000000, 0x80000100, 0xFFFFFF00, 0xFFFFFFD0};
     const std::uint32_t lastId = 0xFFFFFFD0 / 16 - 2;
-    useText(qwk::sequenceTag(0) + '\n');
-    std::fstream writing(path);
+    file.set(qwk::sequenceTag(0) + '\n');
     for (const std::uint32_t start : starts)
-        writing.seekp(std::int64_t{start} - 1) << '\n' << qwk::sequenceTag(start / 16 - 2);
-    writing.flush();
+        file.write(std::int64_t{start} - 1, '\n' + qwk::sequenceTag(start / 16 - 2));
     for (const std::uint32_t start : starts) {
         EXPECT_EQ(findNextLine(start - 20, path), at(start));
         EXPECT_EQ(readIdAt(start - 20), at(start, start / 16 - 2));
@@ -202,8 +199,8 @@ TEST_F(SequenceIndexTest, offsetsReachToTheLast32BitOne) {
     }
     EXPECT_EQ(readLastId(), at(starts[4], lastId));
     EXPECT_EQ(findId(lastId + 1, path), Place());
-    // What starts beyond has no offset.
-    writing.seekp(0xFFFFFFFF) << "\n[0fffffff] out of reach\n" << std::flush;
+    // A line that starts beyond has no offset.
+    file.write(0xFFFFFFFF, "\n[0fffffff] out of reach\n");
     EXPECT_EQ(findNextLine(0xFFFFFFF0, path), Place());
     EXPECT_EQ(readIdAt(0xFFFFFFF0), Place());
     EXPECT_EQ(readLastId(), at(starts[4], lastId));
@@ -212,8 +209,9 @@ TEST_F(SequenceIndexTest, offsetsReachToTheLast32BitOne) {
 // Long lines in front of short ones lead the interpolation astray.
 TEST_F(SequenceIndexTest, fewReadsFindALineWhateverTheLengths) {
     const auto reads = [] {
-        const std::string counters = readFile("/proc/self/io");
-        return std::stoul(counters.substr(counters.find("syscr: ") + 7));
+        std::ostringstream counters;
+        counters << std::ifstream("/proc/self/io").rdbuf();
+        return std::stoul(counters.str().substr(counters.str().find("syscr: ") + 7));
     };
     Random random;
     std::string text;
@@ -222,7 +220,7 @@ TEST_F(SequenceIndexTest, fewReadsFindALineWhateverTheLengths) {
         starts.push_back(static_cast<std::uint32_t>(text.size()));
         text += qwk::sequenceTag(id) + std::string(random.upTo(id < 5000 ? 900 : 90), 'x') + '\n';
     }
-    useText(text);
+    file.set(text);
     for (int round = 0; round < 500; ++round) {
         const std::uint32_t id = random.upTo(19999);
         const std::size_t before = reads();

@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "boardSupport/crc32.h"
 #include "support/diagnostics.h"
 
 namespace boardSupport {
@@ -105,14 +106,7 @@ int EepromBase::write(std::uint16_t address, const void* data, std::uint16_t len
 
 std::uint32_t EepromBase::crc32(const std::uint8_t* data, std::uint32_t length,
                                 std::uint32_t initial, bool invert) {
-    std::uint32_t crc = initial;
-    for (std::uint32_t i = 0; i < length; ++i) {
-        for (unsigned bit = 0; bit < 8; ++bit) {
-            const bool odd = ((crc ^ (std::uint32_t{data[i]} >> bit)) & 1U) != 0;
-            crc = odd ? (crc >> 1) ^ 0xEDB88320U : crc >> 1;
-        }
-    }
-    return invert ? ~crc : crc;
+    return boardSupport::crc32(data, length, initial, invert);
 }
 
 int EepromBase::hexDump(std::FILE* out) {

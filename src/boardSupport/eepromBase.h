@@ -29,9 +29,7 @@ public:
     /// when the range leaves the chip, and what was sent stays written when a transfer fails.
     int write(std::uint16_t address, const void* data, std::uint16_t length);
 
-    /// Bitwise CRC-32 with the reflected polynomial 0xEDB88320, continued from `initial`; all bits
-    /// are inverted at the end when `invert` is true. CRC-32/ISO-HDLC is initial 0xFFFFFFFF,
-    /// invert.
+    /// The CRC-32 of boardSupport/crc32.h.
     static std::uint32_t crc32(const std::uint8_t* data, std::uint32_t length,
                                std::uint32_t initial, bool invert);
 

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "boardSupport/eepromBase.h"
+#include "boardSupport/crc32.h"
 
 namespace qwk::framLayout {
 
@@ -52,7 +52,7 @@ std::uint32_t klvLength(const std::uint8_t* klv) {
 }
 
 std::uint32_t computedCrc(const std::uint8_t* block) {
-    return boardSupport::EepromBase::crc32(block, crcAt, 0xFFFFFFFF, true);
+    return boardSupport::crc32(block, crcAt, 0xFFFFFFFF, true);
 }
 
 std::uint32_t storedCrc(const std::uint8_t* block) {

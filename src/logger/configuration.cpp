@@ -19,7 +19,7 @@ namespace qwk {
 namespace {
 
 constexpr std::int32_t smallestLogSize = 524288;
-constexpr std::int32_t anySize = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t noUpperLimit = std::numeric_limits<std::int32_t>::max();
 
 using Properties = log4cplus::helpers::Properties;
 
@@ -37,15 +37,15 @@ std::int32_t saturated(long number) {
 
 // The value of `key` when it is a whole number within the range; otherwise the default, which is
 // reported when a value was there.
-std::int32_t readSetting(const Properties& properties, const char* key, std::int32_t standard,
+std::int32_t readSetting(const Properties& properties, const char* key, std::int32_t defaultValue,
                          std::int32_t lowest, std::int32_t highest) {
-    const std::string text = properties.getProperty(key, decimal(standard));
+    const std::string text = properties.getProperty(key, decimal(defaultValue));
     char* end = nullptr;
     const std::int32_t value = saturated(std::strtol(text.c_str(), &end, 10));
     if (*end == '\0' && value >= lowest && value <= highest)
         return value;
-    report(LOG_WARNING, "%s in \"%s\" invalid. Using %d.", key, configurationPath, standard);
-    return standard;
+    report(LOG_WARNING, "%s in \"%s\" invalid. Using %d.", key, configurationPath, defaultValue);
+    return defaultValue;
 }
 
 } // namespace
@@ -56,9 +56,9 @@ void Logger::readConfiguration() {
                                                  log4cplus::Logger::getDefaultHierarchy(), 0);
     const Properties& properties = configurator.getProperties();
     logSize_ = readSetting(properties, "logsize", static_cast<std::int32_t>(logSize_),
-                           smallestLogSize, anySize);
+                           smallestLogSize, noUpperLimit);
     logLevel_ = readSetting(properties, "loglevel", logLevel_, 1, 6);
-    logCount_ = readSetting(properties, "logcount", logCount_, 2, anySize);
+    logCount_ = readSetting(properties, "logcount", logCount_, 2, noUpperLimit);
 }
 
 } // namespace qwk

@@ -1,15 +1,15 @@
 #include "logger/logger.h"
 
-#include <cstdio>
-#include <ctime>
 #include <exception>
-#include <utility>
 
 #include <log4cplus/fileappender.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
+#include "logger/logFileRepair.h"
+#include "logger/logLine.h"
+#include "logger/sequenceIndex.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
 #include "support/paths.h"
@@ -25,7 +25,7 @@ Logger::Logger() {
         new log4cplus::RollingFileAppender(logFilePath, logSize_, logCount_, immediateFlush));
     appender->setLayout(std::make_unique<log4cplus::PatternLayout>("%m%n"));
     logger_->addAppender(appender);
-    storage_ = std::make_unique<LogStorage>();
+    unsyncedFiles_.emplace();
 }
 
 Logger::~Logger() {
@@ -37,7 +37,7 @@ void Logger::nextSequenceNumber(std::uint32_t& next) {
     const FileDescriptor file = openForReading(logFilePath);
     std::uint32_t offset;
     std::uint32_t id;
-    if (file.isOpen() && readLastId(file.get(), offset, id) == 0)
+    if (file.isOpen() && sequenceIndex::readLastId(file.get(), offset, id) == 0)
         next = id + 1;
 }
 
@@ -45,8 +45,9 @@ void Logger::sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& 
                   const std::string& message) {
     if (!logger_->isEnabledFor(log4cplus::FATAL_LOG_LEVEL))
         return;
+    // FATAL for every line: a level that no configuration of log4cplus switches off.
     LOG4CPLUS_FATAL(*logger_, formatLine(id, priority, time, message));
-    linesUnsynced_ = true;
+    unsyncedFiles_->lineWritten();
 }
 
 void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
@@ -58,7 +59,7 @@ void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint
     report(LOG_DEBUG, "Adding [%08x] to cache (%d bytes).", id,
            static_cast<int>(cache_.size() - before));
     lastId_ = id;
-    ++additions_;
+    ++entriesAdded_;
     cacheFilled_ = true;
     cacheChanged_.notify_all();
 }
@@ -78,16 +79,14 @@ void Logger::lock() {
 
 void Logger::unlock() {
     StableFiles written;
-    if (std::exchange(linesUnsynced_, false)) {
-        try {
-            written = storage_->filesToSync();
-        } catch (const std::exception& error) { // the lock must be released all the same
-            report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
-        }
+    try {
+        written = unsyncedFiles_->take();
+    } catch (const std::exception& error) { // the lock must be released all the same
+        report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
     }
     mutex_.unlock();
-    // Without the lock: no stream waits for the disk. Whoever flushes the FRAM does wait, and lets
-    // go of its entries only then.
+    // Without the lock, so that no stream waits for the disk. A flush of the FRAM does wait:
+    // entries may be dropped from the chip only once their lines are on disk.
     for (const auto& file : written)
         file->sync();
 }
@@ -99,23 +98,31 @@ void Logger::endStreams() {
 
 std::string Logger::formatLine(std::uint32_t id, std::int32_t /*priority*/,
                                const std::uint64_t& time, const std::string& message) {
-    const std::uint64_t rounded = time + 500; // to the nearest millisecond, with carry
-    const auto seconds = static_cast<std::time_t>(rounded / 1000000);
-    const auto milliseconds = static_cast<unsigned>(rounded % 1000000 / 1000);
-    // localtime() follows a change of the board's time zone while the daemon runs; localtime_r()
-    // need not. Its shared result is safe under the lock.
-    const std::tm* local = std::localtime(&seconds);
-    const std::tm when = local != nullptr ? *local : std::tm{};
+    return formatLogLine(id, time, message);
+}
 
-    char head[128];
-    const int length = std::snprintf(
-        head, sizeof head, "[%08x] %04d-%02d-%02d %02d:%02d:%02d.%03u ", id, when.tm_year + 1900,
-        when.tm_mon + 1, when.tm_mday, when.tm_hour, when.tm_min, when.tm_sec, milliseconds);
-    std::string line;
-    line.reserve(static_cast<std::size_t>(length) + message.size());
-    line.append(head, static_cast<std::size_t>(length));
-    line += message;
-    return line;
+int Logger::findNextLine(const std::string& path, std::uint32_t& offset) {
+    return sequenceIndex::findNextLine(path, offset);
+}
+
+int Logger::findNextLine(const char* data, int size, std::uint32_t& offset) {
+    return sequenceIndex::findNextLine(data, size, offset);
+}
+
+int Logger::readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
+    return sequenceIndex::readIdAt(fd, offset, id);
+}
+
+int Logger::readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
+    return sequenceIndex::readLastId(fd, offset, id);
+}
+
+int Logger::findId(const std::string& path, std::uint32_t id, std::uint32_t& offset) {
+    return sequenceIndex::findId(path, id, offset);
+}
+
+int Logger::findId(const char* data, int size, std::uint32_t id, std::uint32_t& offset) {
+    return sequenceIndex::findId(data, size, id, offset);
 }
 
 } // namespace qwk

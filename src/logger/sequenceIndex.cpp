@@ -1,6 +1,4 @@
-// Lines by sequence number in log files and in memory: the part of Logger that finds them. Every
-// line that the logger writes begins with "[%08x]" and the numbers grow by one, so a line is found
-// from a few small blocks of the file.
+#include "logger/sequenceIndex.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,15 +6,20 @@
 #include <optional>
 #include <unistd.h>
 
-#include "logger/logger.h"
 #include "logger/sequenceNumber.h"
 #include "support/fileDescriptor.h"
 
-namespace qwk {
+namespace qwk::sequenceIndex {
 
 namespace {
 
 constexpr std::size_t blockSize = 128;
+
+// A line of a log file that begins with a sequence number, and the offset at which it starts.
+struct NumberedLine {
+    std::uint32_t id;
+    std::uint32_t offset;
+};
 
 // One block of a file, and where it came from.
 struct Block {
@@ -41,7 +44,7 @@ struct Block {
 };
 
 bool seekTo(int fd, off_t offset) {
-    return lseek(fd, offset, SEEK_SET) == offset;
+    return ::lseek(fd, offset, SEEK_SET) == offset;
 }
 
 // Offsets are 32-bit; a place beyond is as good as not found.
@@ -49,9 +52,9 @@ bool fitsOffset(off_t offset) {
     return offset <= std::numeric_limits<std::uint32_t>::max();
 }
 
-// The number of the line that starts behind the newline at `newline` in the block. The eight
+// The number of the line that starts after the newline at `newline` in the block. The eight
 // digits that the block's end cuts are read separately, which moves the file's position.
-bool numberBehind(int fd, const Block& block, std::size_t newline, std::uint32_t& id) {
+bool numberAfter(int fd, const Block& block, std::size_t newline, std::uint32_t& id) {
     const std::size_t firstDigit = newline + 2;
     if (firstDigit + sequenceDigits <= block.length)
         return parseSequenceNumber(block.bytes + firstDigit, id);
@@ -78,7 +81,7 @@ std::uint32_t interpolate(std::uint32_t id, const NumberedLine& low, const Numbe
 
 } // namespace
 
-int Logger::findNextLine(const std::string& path, std::uint32_t& offset) {
+int findNextLine(const std::string& path, std::uint32_t& offset) {
     const FileDescriptor file = openForReading(path.c_str());
     if (!file.isOpen())
         return -1;
@@ -99,7 +102,7 @@ int Logger::findNextLine(const std::string& path, std::uint32_t& offset) {
     return -1;
 }
 
-int Logger::findNextLine(const char* data, int size, std::uint32_t& offset) {
+int findNextLine(const char* data, int size, std::uint32_t& offset) {
     if (std::int64_t{offset} >= size)
         return -1;
     const void* newline =
@@ -110,7 +113,7 @@ int Logger::findNextLine(const char* data, int size, std::uint32_t& offset) {
     return 0;
 }
 
-int Logger::readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
+int readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
     off_t position = offset;
     if (!seekTo(fd, position))
         return -1;
@@ -128,7 +131,7 @@ int Logger::readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
             continue;
         }
         std::uint32_t number;
-        if (numberBehind(fd, block, *newline, number)) {
+        if (numberAfter(fd, block, *newline, number)) {
             const off_t start = position + static_cast<off_t>(*newline) + 1;
             if (!fitsOffset(start))
                 return -1;
@@ -136,13 +139,13 @@ int Logger::readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
             id = number;
             return 0;
         }
-        position = lseek(fd, 0, SEEK_CUR);
+        position = ::lseek(fd, 0, SEEK_CUR);
     }
     return -1;
 }
 
-int Logger::readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
-    off_t start = lseek(fd, 0, SEEK_END);
+int readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
+    off_t start = ::lseek(fd, 0, SEEK_END);
     Block block;
     while (start >= 0) {
         start = std::max<off_t>(start - static_cast<off_t>(blockSize), 0);
@@ -152,11 +155,11 @@ int Logger::readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
             const off_t newline = start + static_cast<off_t>(i);
             if (block.bytes[i] != '\n' || !fitsOffset(newline + 1))
                 continue;
-            // No line behind a later newline is numbered, so only the one right here can be: a look
+            // No line after a later newline is numbered, so only the one right here can be: a look
             // at it is all that readIdAt would do. At the file's start that looks at the newline
             // itself as a line's first character, too.
             std::uint32_t lineStart = 0;
-            if (newline == 0 ? readIdAt(fd, lineStart, id) == 0 : numberBehind(fd, block, i, id)) {
+            if (newline == 0 ? readIdAt(fd, lineStart, id) == 0 : numberAfter(fd, block, i, id)) {
                 offset = newline == 0 ? lineStart : static_cast<std::uint32_t>(newline + 1);
                 return 0;
             }
@@ -167,27 +170,41 @@ int Logger::readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
     return -1;
 }
 
-int Logger::findId(const std::string& path, std::uint32_t id, std::uint32_t& offset) {
-    const FileDescriptor file = openForReading(path.c_str());
-    if (!file.isOpen())
-        return -2;
-    const int fd = file.get();
+namespace {
 
-    NumberedLine low{0, 0};
-    if (readIdAt(fd, low.offset, low.id) != 0)
-        return -1;
-    if (id <= low.id)
-        return offsetIfSame(low, id, offset);
-    NumberedLine high{0, 0};
-    if (readLastId(fd, high.offset, high.id) != 0)
-        return -1;
-    if (id >= high.id)
-        return offsetIfSame(high, id, offset);
-    return findIdBetween(fd, id, low, high, offset);
+// The start of a line below `id` closely before `place`, where that line should have been; at worst
+// that of `low`. In a file whose lines differ in length the interpolation ends near the line while
+// its lower bound may still be the file's first line.
+std::uint32_t lineBefore(int fd, std::uint32_t id, std::uint32_t place, const NumberedLine& low) {
+    std::uint64_t step = blockSize;
+    while (low.offset + step < place) {
+        NumberedLine line{0, place - static_cast<std::uint32_t>(step)};
+        if (readIdAt(fd, line.offset, line.id) != 0)
+            break;
+        if (line.id > low.id && line.id < id)
+            return line.offset;
+        step *= 2;
+    }
+    return low.offset;
 }
 
-int Logger::findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
-                          std::uint32_t& offset) {
+// Visits the numbered lines from `from` on until `id`, a number above `highest` or the end.
+int walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current,
+             std::uint32_t highest, std::uint32_t& offset) {
+    while (current <= highest && readIdAt(fd, from, current) == 0) {
+        if (current == id) {
+            offset = from;
+            return 0;
+        }
+        if (++from == 0) // the end of what an offset can name
+            break;
+    }
+    return -1;
+}
+
+// findId where low.id < id < high.id: by interpolation, and by a walk over what it leaves.
+int findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
+                  std::uint32_t& offset) {
     for (;;) {
         const std::uint32_t place = interpolate(id, low, high);
         NumberedLine probe{0, place};
@@ -208,41 +225,35 @@ int Logger::findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLi
     }
 }
 
-std::uint32_t Logger::lineBefore(int fd, std::uint32_t id, std::uint32_t place,
-                                 const NumberedLine& low) {
-    std::uint64_t step = blockSize;
-    while (low.offset + step < place) {
-        NumberedLine line{0, place - static_cast<std::uint32_t>(step)};
-        if (readIdAt(fd, line.offset, line.id) != 0)
-            break;
-        if (line.id > low.id && line.id < id)
-            return line.offset;
-        step *= 2;
-    }
-    return low.offset;
+} // namespace
+
+int findId(const std::string& path, std::uint32_t id, std::uint32_t& offset) {
+    const FileDescriptor file = openForReading(path.c_str());
+    if (!file.isOpen())
+        return -2;
+    const int fd = file.get();
+
+    NumberedLine low{0, 0};
+    if (readIdAt(fd, low.offset, low.id) != 0)
+        return -1;
+    if (id <= low.id)
+        return offsetIfSame(low, id, offset);
+    NumberedLine high{0, 0};
+    if (readLastId(fd, high.offset, high.id) != 0)
+        return -1;
+    if (id >= high.id)
+        return offsetIfSame(high, id, offset);
+    return findIdBetween(fd, id, low, high, offset);
 }
 
-int Logger::walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current,
-                     std::uint32_t highest, std::uint32_t& offset) {
-    while (current <= highest && readIdAt(fd, from, current) == 0) {
-        if (current == id) {
-            offset = from;
-            return 0;
-        }
-        if (++from == 0) // the end of what an offset can name
-            break;
-    }
-    return -1;
-}
-
-int Logger::findId(const char* data, int size, std::uint32_t id, std::uint32_t& offset) {
+int findId(const char* data, int size, std::uint32_t id, std::uint32_t& offset) {
     const std::string tag = sequenceTag(id);
     const void* found =
-        memmem(data, static_cast<std::size_t>(std::max(size, 0)), tag.data(), tag.size());
+        ::memmem(data, static_cast<std::size_t>(std::max(size, 0)), tag.data(), tag.size());
     if (found == nullptr)
         return -1;
     offset = static_cast<std::uint32_t>(static_cast<const char*>(found) - data);
     return 0;
 }
 
-} // namespace qwk
+} // namespace qwk::sequenceIndex

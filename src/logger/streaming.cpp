@@ -1,5 +1,5 @@
-// One client's stream from its first byte to its last: the part of Logger that alternates between
-// deliveries, made under the lock, and waits, made without it.
+// One client's stream from its first byte to its last: deliveries, made under the logger's lock,
+// alternate with waits, made without it.
 
 #include <new>
 #include <poll.h>
@@ -18,7 +18,7 @@ constexpr int pollPeriodMs = 1000;
 bool waitUntilWritable(int socket) {
     for (;;) {
         pollfd client{socket, POLLOUT | POLLHUP, 0};
-        const int ready = poll(&client, 1, pollPeriodMs);
+        const int ready = ::poll(&client, 1, pollPeriodMs);
         if (ready == 0)
             continue;
         if (ready < 0)
@@ -33,77 +33,100 @@ bool waitUntilWritable(int socket) {
 
 } // namespace
 
-struct Logger::Stream {
-    SendState state;
-    int maxsize;
-    std::vector<LogFile> files;
+/// The steps take the logger's lock where they need it. Those that return bool return false when
+/// the stream has ended.
+class Logger::Stream {
+public:
+    /// `transferBuffer` has transferBufferSize bytes and outlives the stream.
+    Stream(Logger& logger, int maxsize, int socket, char* transferBuffer)
+        : logger_(logger), maxsize_(maxsize) {
+        state_.buffer = transferBuffer;
+        state_.bufferSize = transferBufferSize;
+        state_.socket = socket;
+    }
+
+    /// Delivers the newest `maxsize` bytes, however slowly the client reads.
+    bool deliverRecentLogs() { return deliverNewest() && deliverBacklog(); }
+    /// Delivers each new entry until the client leaves or streams are to end.
+    void followLog();
+
+private:
+    bool deliverNewest();
+    bool deliverBacklog();
+    bool deliverFromResumePoint();
+    /// The caller holds the lock.
+    bool sendListed();
+    /// Waits for an entry since the last delivery; true when streams are to end.
+    bool waitForEntry();
+
+    Logger& logger_;
+    const int maxsize_;
+    SendState state_{};
+    std::vector<LogFile> files_;
     /// The last delivery stopped because the socket was full.
-    bool wouldBlock;
-    /// Logger's additions_ right after the last delivery.
-    std::uint32_t seenAdditions;
+    bool wouldBlock_ = false;
+    /// Logger's entriesAdded_ right after the last delivery.
+    std::uint32_t entriesSeen_ = 0;
 };
+
+bool Logger::Stream::deliverNewest() {
+    const std::lock_guard<std::mutex> held(logger_.mutex_);
+    logger_.findFilesBySize(maxsize_, files_);
+    return sendListed();
+}
+
+bool Logger::Stream::deliverFromResumePoint() {
+    const std::lock_guard<std::mutex> held(logger_.mutex_);
+    const std::uint32_t bytesOfLine = static_cast<std::uint32_t>(state_.count_total) -
+                                      static_cast<std::uint32_t>(state_.count_id);
+    logger_.findFilesAfterId(state_.id, static_cast<int>(bytesOfLine), maxsize_, files_);
+    return sendListed();
+}
+
+bool Logger::Stream::sendListed() {
+    const bool sent = logger_.sendFiles(state_, files_, wouldBlock_) == 0;
+    entriesSeen_ = logger_.entriesAdded_;
+    return sent;
+}
+
+bool Logger::Stream::deliverBacklog() {
+    // Unsigned, so that a total beyond 2^31 bytes is above every maxsize.
+    while (wouldBlock_ &&
+           static_cast<std::uint32_t>(state_.count_total) < static_cast<std::uint32_t>(maxsize_))
+        if (!waitUntilWritable(state_.socket) || !deliverFromResumePoint())
+            return false;
+    return true;
+}
+
+void Logger::Stream::followLog() {
+    bool ending = false;
+    while (!ending) {
+        ending = waitForEntry();
+        do {
+            if (!waitUntilWritable(state_.socket) || !deliverFromResumePoint())
+                return;
+        } while (wouldBlock_);
+    }
+}
+
+bool Logger::Stream::waitForEntry() {
+    std::unique_lock<std::mutex> held(logger_.mutex_);
+    logger_.cacheChanged_.wait(
+        held, [this] { return logger_.entriesAdded_ != entriesSeen_ || logger_.streamsEnding_; });
+    // A stream that has sent nothing has no line to go on from: it starts with the newest entry.
+    if (state_.count_total == 0)
+        state_.id = logger_.lastId_;
+    return logger_.streamsEnding_;
+}
 
 int Logger::streamLogs(int maxsize, bool listen, int socket) {
     const std::unique_ptr<char[]> buffer(new (std::nothrow) char[transferBufferSize]);
     if (!buffer)
         return -1;
-    SendState state{};
-    state.buffer = buffer.get();
-    state.bufferSize = transferBufferSize;
-    state.socket = socket;
-    Stream stream{state, maxsize, {}, false, 0};
-    if (deliverNewest(stream) && deliverBacklog(stream) && listen)
-        followLog(stream);
+    Stream stream(*this, maxsize, socket, buffer.get());
+    if (stream.deliverRecentLogs() && listen)
+        stream.followLog();
     return 0;
-}
-
-bool Logger::deliverNewest(Stream& stream) {
-    const std::lock_guard<std::mutex> held(mutex_);
-    findFilesBySize(stream.maxsize, stream.files);
-    return sendListed(stream);
-}
-
-bool Logger::deliverRest(Stream& stream) {
-    const std::lock_guard<std::mutex> held(mutex_);
-    const std::uint32_t had = static_cast<std::uint32_t>(stream.state.count_total) -
-                              static_cast<std::uint32_t>(stream.state.count_id);
-    findFilesAfterId(stream.state.id, static_cast<int>(had), stream.maxsize, stream.files);
-    return sendListed(stream);
-}
-
-bool Logger::sendListed(Stream& stream) {
-    const bool sent = sendFiles(stream.state, stream.files, stream.wouldBlock) == 0;
-    stream.seenAdditions = additions_;
-    return sent;
-}
-
-bool Logger::deliverBacklog(Stream& stream) {
-    // Unsigned, so that a total beyond 2^31 bytes is above every maxsize.
-    while (stream.wouldBlock && static_cast<std::uint32_t>(stream.state.count_total) <
-                                    static_cast<std::uint32_t>(stream.maxsize))
-        if (!waitUntilWritable(stream.state.socket) || !deliverRest(stream))
-            return false;
-    return true;
-}
-
-void Logger::followLog(Stream& stream) {
-    bool ending = false;
-    while (!ending) {
-        ending = waitForEntry(stream);
-        do {
-            if (!waitUntilWritable(stream.state.socket) || !deliverRest(stream))
-                return;
-        } while (stream.wouldBlock);
-    }
-}
-
-bool Logger::waitForEntry(Stream& stream) {
-    std::unique_lock<std::mutex> held(mutex_);
-    cacheChanged_.wait(held, [&] { return additions_ != stream.seenAdditions || streamsEnding_; });
-    // A stream that has sent nothing has no line to go on from: it starts with the newest entry.
-    if (stream.state.count_total == 0)
-        stream.state.id = lastId_;
-    return streamsEnding_;
 }
 
 } // namespace qwk

@@ -1,28 +1,23 @@
-// What to send: the part of Logger that chooses the sources of a delivery, by size for the first
-// and by sequence number for every later one. Chooses only; nothing is sent here.
+// The part of Logger that chooses the sources of a delivery: by size for the first one, by sequence
+// number for every later one. It chooses only; nothing is sent here.
 
 #include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <sys/stat.h>
 
+#include "logger/logFileName.h"
 #include "logger/logger.h"
+#include "logger/sequenceIndex.h"
 #include "support/diagnostics.h"
-#include "support/paths.h"
 
 namespace qwk {
 
 namespace {
 
-// 0 is the current log file, 1 its newest rolled copy.
-std::string logFileName(int index) {
-    return index == 0 ? std::string(logFilePath)
-                      : std::string(logFilePath) + '.' + std::to_string(index);
-}
-
 std::optional<std::int64_t> fileSize(const std::string& path) {
     struct stat status;
-    if (stat(path.c_str(), &status) != 0)
+    if (::stat(path.c_str(), &status) != 0)
         return std::nullopt;
     return status.st_size;
 }
@@ -42,7 +37,7 @@ void reportFiles(const std::vector<LogFile>& files) {
 }
 
 // Moves the start of the oldest source to the next newer one when the client has all of the oldest
-// one. That source's place is then behind the bytes that it has of it already. False when the
+// one. That source then starts after the bytes that the client already has of it. False when the
 // client has more than both hold, or a size is not to be had.
 bool carryOver(std::vector<LogFile>& files) {
     const auto oldestSize = fileSize(files.back().name);
@@ -62,18 +57,9 @@ bool carryOver(std::vector<LogFile>& files) {
     return true;
 }
 
-} // namespace
-
-void Logger::findFilesBySize(int maxsize, std::vector<LogFile>& files) {
-    files.clear();
-    if (addRecentEntries(maxsize, files))
-        addLogFiles(maxsize, static_cast<std::int64_t>(cache_.size()), files);
-    report(LOG_DEBUG, "Files found (maxsize= %d):", maxsize);
-    reportFiles(files);
-}
-
-bool Logger::addRecentEntries(int maxsize, std::vector<LogFile>& files) {
-    const auto length = static_cast<int>(cache_.size());
+// Lists the recent-entry buffer or its end; false when that is all that fits.
+bool addRecentEntries(const std::string& cache, int maxsize, std::vector<LogFile>& files) {
+    const auto length = static_cast<int>(cache.size());
     if (length == 0)
         return true;
     if (maxsize >= length) {
@@ -81,12 +67,14 @@ bool Logger::addRecentEntries(int maxsize, std::vector<LogFile>& files) {
         return true;
     }
     auto start = static_cast<std::uint32_t>(length - maxsize);
-    if (findNextLine(cache_.data(), length, start) == 0 && static_cast<int>(start) < length)
+    if (sequenceIndex::findNextLine(cache.data(), length, start) == 0 &&
+        static_cast<int>(start) < length)
         files.push_back({narrowed(start), length, {}});
     return false;
 }
 
-void Logger::addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& files) {
+// Lists the log files before `taken` newer bytes, down to the one of which only the end fits.
+void addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& files) {
     for (int index = 0;; ++index) {
         const std::string name = logFileName(index);
         const auto size = fileSize(name);
@@ -94,7 +82,7 @@ void Logger::addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& 
             return;
         if (taken + *size > maxsize) {
             auto start = static_cast<std::uint32_t>(taken + *size - maxsize);
-            if (findNextLine(name, start) == 0 && start < *size)
+            if (sequenceIndex::findNextLine(name, start) == 0 && start < *size)
                 files.push_back({narrowed(start), narrowed(*size), name});
             return;
         }
@@ -103,22 +91,16 @@ void Logger::addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& 
     }
 }
 
-void Logger::findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files) {
-    if (!findPlaceAfterId(id, off, files)) {
-        findFilesBySize(maxsize, files);
-        return;
-    }
-    report(LOG_DEBUG, "Files found (id= 0x%08x, off= %d):", id, off);
-    reportFiles(files);
-}
-
-bool Logger::findPlaceAfterId(std::uint32_t id, int off, std::vector<LogFile>& files) {
+// Lists the sources from the place after the first `off` bytes of line `id` on; false when that
+// place is in no source.
+bool findPlaceAfterId(const std::string& cache, std::uint32_t id, int off,
+                      std::vector<LogFile>& files) {
     files.clear();
-    const auto length = static_cast<int>(cache_.size());
+    const auto length = static_cast<int>(cache.size());
     std::uint32_t line;
-    if (findId(cache_.data(), length, id, line) == 0) {
+    if (sequenceIndex::findId(cache.data(), length, id, line) == 0) {
         const std::int64_t start = line + widened(off);
-        if (start <= length) // up to the NUL behind the text
+        if (start <= length) // up to the NUL after the text
             files.push_back({narrowed(start), length, {}});
         return true;
     }
@@ -127,7 +109,7 @@ bool Logger::findPlaceAfterId(std::uint32_t id, int off, std::vector<LogFile>& f
 
     for (int index = 0;; ++index) {
         const std::string name = logFileName(index);
-        const int result = findId(name, id, line);
+        const int result = sequenceIndex::findId(name, id, line);
         if (result == -2)
             return false;
         if (result == 0) {
@@ -136,6 +118,25 @@ bool Logger::findPlaceAfterId(std::uint32_t id, int off, std::vector<LogFile>& f
         }
         files.push_back({0, 0, name});
     }
+}
+
+} // namespace
+
+void Logger::findFilesBySize(int maxsize, std::vector<LogFile>& files) {
+    files.clear();
+    if (addRecentEntries(cache_, maxsize, files))
+        addLogFiles(maxsize, static_cast<std::int64_t>(cache_.size()), files);
+    report(LOG_DEBUG, "Files found (maxsize= %d):", maxsize);
+    reportFiles(files);
+}
+
+void Logger::findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files) {
+    if (!findPlaceAfterId(cache_, id, off, files)) {
+        findFilesBySize(maxsize, files);
+        return;
+    }
+    report(LOG_DEBUG, "Files found (id= 0x%08x, off= %d):", id, off);
+    reportFiles(files);
 }
 
 } // namespace qwk

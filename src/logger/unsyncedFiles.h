@@ -30,25 +30,26 @@ private:
 
 using StableFiles = std::vector<std::shared_ptr<const StableFile>>;
 
-/// Knows which files the lines of a log went into. Its user holds the log's lock.
-class LogStorage {
+/// Knows which files hold lines that may not be on stable storage. Its user holds the log's lock.
+class UnsyncedFiles {
 public:
-    /// Opens the log file, before the first line is written.
-    LogStorage();
+    /// Opens the log file and its folder, before the first line is written.
+    UnsyncedFiles();
 
-    /// What has to be synced once lines were written: the log file and, after a roll, also what it
-    /// was before and the folder. To be synced without the lock.
-    StableFiles filesToSync();
+    /// Notes that a line was written to the log file.
+    void lineWritten() { lineWritten_ = true; }
+
+    /// The files to sync after writing, none if no line was written since the last call: the log
+    /// file and, after a roll, also its newest rolled copy and the folder. Sync them without the
+    /// lock.
+    StableFiles take();
 
 private:
     const std::shared_ptr<const StableFile> folder_;
     std::shared_ptr<const StableFile> logFile_;
     /// The folder has an entry that may not be on stable storage: at first, the log file's own.
     bool folderChanged_ = true;
+    bool lineWritten_ = false;
 };
-
-/// Ends a line that a power cut or a full disk left without its end, so that the next one begins
-/// at a line start.
-void endTornLine();
 
 } // namespace qwk

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "logger/delivery.h"
+
+/// Keeps a stream's resume point: which line start went out last, and where in the stream.
+namespace qwk::lineTracker {
+
+/// Records that `done` of the `length` bytes at `data` went out: finds the last line start among
+/// them, completes one that an earlier call left open, and advances `count_total`.
+void recordSent(SendState& state, const char* data, int length, int done);
+
+} // namespace qwk::lineTracker
