@@ -3,35 +3,36 @@
 #include <cstdint>
 #include <string>
 
+#include "support/threadSafety.h"
+
 namespace qwk {
 
 /// What the FRAM cache asks of the log. An entry is described by its sequence number, its syslog
-/// priority, its time stamp in microseconds since 1970-01-01 00:00 UTC, and its text. With lock()
-/// and unlock() a sink serves as a standard lockable, as in std::unique_lock<LogSink>.
-class LogSink {
+/// priority, its time stamp in microseconds since 1970-01-01 00:00 UTC, and its text. The lock is
+/// that of the log file and the recent-entry buffer; it does not nest.
+class QWK_LOCKABLE LogSink {
 public:
     virtual ~LogSink() = default;
 
-    /// Sets `next` to the number behind that of the log file's last line, or to 0.
+    /// Sets `next` to the number after that of the log file's last line, or to 0.
     virtual void nextSequenceNumber(std::uint32_t& next) = 0;
 
-    /// Writes the entry as one line into the log file. The caller holds the lock.
+    /// Writes the entry as one line into the log file.
     virtual void sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
-                      const std::string& message) = 0;
+                      const std::string& message) QWK_REQUIRES(this) = 0;
 
-    /// Adds the entry to the recent-entry buffer and wakes the streams. The caller holds the lock.
+    /// Adds the entry to the recent-entry buffer and wakes the streams.
     virtual void addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
-                            const std::string& message) = 0;
+                            const std::string& message) QWK_REQUIRES(this) = 0;
 
-    /// Empties the recent-entry buffer. The caller holds the lock.
-    virtual void clearCache() = 0;
+    /// Empties the recent-entry buffer.
+    virtual void clearCache() QWK_REQUIRES(this) = 0;
 
-    /// Whether addToCache was ever called. The caller holds the lock.
-    virtual bool isCacheFilled() = 0;
+    /// Whether addToCache was ever called.
+    virtual bool isCacheFilled() QWK_REQUIRES(this) = 0;
 
-    /// The lock of the log file and the recent-entry buffer; it does not nest.
-    virtual void lock() = 0;
-    virtual void unlock() = 0;
+    virtual void lock() QWK_ACQUIRES() = 0;
+    virtual void unlock() QWK_RELEASES() = 0;
 };
 
 } // namespace qwk

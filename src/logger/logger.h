@@ -31,23 +31,23 @@ public:
 
     void nextSequenceNumber(std::uint32_t& next) override;
     void sink(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
-              const std::string& message) override;
+              const std::string& message) override QWK_REQUIRES(this);
     void addToCache(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
-                    const std::string& message) override;
-    void clearCache() override;
-    bool isCacheFilled() override;
+                    const std::string& message) override QWK_REQUIRES(this);
+    void clearCache() override QWK_REQUIRES(this);
+    bool isCacheFilled() override QWK_REQUIRES(this);
     /// Throws std::system_error when the mutex fails.
-    void lock() override;
+    void lock() override QWK_ACQUIRES();
     /// Releases the lock and then, when lines were written under it, returns only once they are on
     /// stable storage. A failure of that is reported.
-    void unlock() override;
+    void unlock() override QWK_RELEASES();
 
     /// Highest journal priority that is logged, 1 to 6.
     std::int32_t logLevel() const { return logLevel_; }
 
-    /// The log line of an entry in local time, without a newline. The caller holds the lock.
+    /// The log line of an entry in local time, without a newline.
     std::string formatLine(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
-                           const std::string& message);
+                           const std::string& message) QWK_REQUIRES(this);
 
     // The sequence index, as logger/sequenceIndex.h describes it. None uses the logger's fields.
     int findNextLine(const std::string& path, std::uint32_t& offset);
@@ -57,33 +57,38 @@ public:
     int findId(const std::string& path, std::uint32_t id, std::uint32_t& offset);
     int findId(const char* data, int size, std::uint32_t id, std::uint32_t& offset);
 
-    // Delivery to one client. The caller of all but streamLogs holds the lock.
+    // Delivery to one client. The caller of all but streamLogs holds the lock, so that buffer and
+    // files stay as they are from the choice of the sources to the last byte.
 
     /// Sends what the socket takes at once of `data`. Returns the number of bytes sent, with
     /// `wouldBlock` true when the socket was full before all were, or -1 when the connection is
     /// unusable; the state is then as before the call.
-    int sendBuffer(SendState& state, const char* data, int length, bool& wouldBlock);
+    int sendBuffer(SendState& state, const char* data, int length, bool& wouldBlock)
+        QWK_REQUIRES(this);
     /// Sends the file `name` from byte `off` on. Results as sendBuffer; -1 also for a bad file.
-    int sendFile(SendState& state, int off, const std::string& name, bool& wouldBlock);
+    int sendFile(SendState& state, int off, const std::string& name, bool& wouldBlock)
+        QWK_REQUIRES(this);
     /// Sends the recent-entry buffer from byte `off` on and its terminating NUL.
-    int sendCache(SendState& state, int off, bool& wouldBlock);
+    int sendCache(SendState& state, int off, bool& wouldBlock) QWK_REQUIRES(this);
     /// Sends a list of sources, oldest first, until the socket is full; 0 or -1.
-    int sendFiles(SendState& state, const std::vector<LogFile>& files, bool& wouldBlock);
+    int sendFiles(SendState& state, const std::vector<LogFile>& files, bool& wouldBlock)
+        QWK_REQUIRES(this);
 
     /// Lists the newest sources that hold at most `maxsize` bytes, from a line start on.
-    void findFilesBySize(int maxsize, std::vector<LogFile>& files);
+    void findFilesBySize(int maxsize, std::vector<LogFile>& files) QWK_REQUIRES(this);
     /// Lists what follows the first `off` bytes of line `id`; falls back to the list by size when
     /// no source holds that place.
-    void findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files);
+    void findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files)
+        QWK_REQUIRES(this);
 
     /// Sends the newest log bytes, at most `maxsize` (0 or more), to a non-blocking `socket`, which
     /// stays open; with `listen` then every new line, until the client goes or streams are ended.
     /// Returns 0, or -1 when the transfer buffer cannot be allocated; throws std::system_error when
     /// the mutex fails. Waits for the client without the lock.
-    int streamLogs(int maxsize, bool listen, int socket);
+    int streamLogs(int maxsize, bool listen, int socket) QWK_EXCLUDES(this);
 
-    /// Makes every stream end, waiting and future ones. The caller holds the lock.
-    void endStreams();
+    /// Makes every stream end, waiting and future ones.
+    void endStreams() QWK_REQUIRES(this);
 
 private:
     class Stream;
@@ -96,19 +101,20 @@ private:
     std::int32_t logLevel_ = 4;
     std::int32_t logCount_ = 20;
 
-    // Guarded by mutex_, which also keeps the log file and its rolled copies as they are.
-    std::string cache_;
+    // Guarded by mutex_, which lock() takes and which also keeps the log file and its rolled copies
+    // as they are.
+    std::string cache_ QWK_GUARDED_BY(this);
     std::mutex mutex_;
-    bool cacheFilled_ = false;
-    std::uint32_t lastId_ = 0;
+    bool cacheFilled_ QWK_GUARDED_BY(this) = false;
+    std::uint32_t lastId_ QWK_GUARDED_BY(this) = 0;
     /// Notified after every addToCache and by endStreams.
     std::condition_variable cacheChanged_;
     /// Counts the calls of addToCache, wrapping. Unlike lastId_ it differs after every entry, also
     /// when the numbering starts again at the number that a stream saw last.
-    std::uint32_t entriesAdded_ = 0;
-    bool streamsEnding_ = false;
+    std::uint32_t entriesAdded_ QWK_GUARDED_BY(this) = 0;
+    bool streamsEnding_ QWK_GUARDED_BY(this) = false;
     /// Made once the log file exists.
-    std::optional<UnsyncedFiles> unsyncedFiles_;
+    std::optional<UnsyncedFiles> unsyncedFiles_ QWK_GUARDED_BY(this);
 };
 
 } // namespace qwk

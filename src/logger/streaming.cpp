@@ -54,10 +54,10 @@ private:
     bool deliverNewest();
     bool deliverBacklog();
     bool deliverFromResumePoint();
-    /// The caller holds the lock.
-    bool sendListed();
-    /// Waits for an entry since the last delivery; true when streams are to end.
-    bool waitForEntry();
+    bool sendListed() QWK_REQUIRES(logger_);
+    /// Waits for an entry since the last delivery; true when streams are to end. Unchecked, because
+    /// a standard condition variable takes a standard lock.
+    bool waitForEntry() QWK_UNCHECKED;
 
     Logger& logger_;
     const int maxsize_;
@@ -70,13 +70,13 @@ private:
 };
 
 bool Logger::Stream::deliverNewest() {
-    const std::lock_guard<std::mutex> held(logger_.mutex_);
+    const Held<Logger> held(logger_);
     logger_.findFilesBySize(maxsize_, files_);
     return sendListed();
 }
 
 bool Logger::Stream::deliverFromResumePoint() {
-    const std::lock_guard<std::mutex> held(logger_.mutex_);
+    const Held<Logger> held(logger_);
     const std::uint32_t bytesOfLine = static_cast<std::uint32_t>(state_.count_total) -
                                       static_cast<std::uint32_t>(state_.count_id);
     logger_.findFilesAfterId(state_.id, static_cast<int>(bytesOfLine), maxsize_, files_);
