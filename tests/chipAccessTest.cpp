@@ -10,7 +10,6 @@ using namespace testSupport;
 namespace {
 
 struct Chip : boardSupport::EepromBase {
-    using I2C::fd;
     explicit Chip(std::int32_t bytes = 8192, std::int32_t page = 0, std::uint32_t base = 0,
                   const std::string& device = "/dev/i2c-2", int slaveAddress = 0x50)
         : EepromBase(device, slaveAddress) {
@@ -101,7 +100,8 @@ TEST_F(ChipAccessTest, dumpsShowEachByteTwice) {
     const std::string second =
         "0010  1f 20 7e 7f 80 ff 41 00 00 00 00 00 00 00 00 00  . ~...A.........\n";
     EXPECT_EQ(Chip(23).dump(), first + second.substr(0, 26) + std::string(27, ' ') + "  . ~...A\n");
-    for (const auto& [size, lines] : {std::pair(0, 64U), {8192, 512U}}) {
+    // Beyond the chip its address counter wraps.
+    for (const auto& [size, lines] : {std::pair(0, 64U), {8192, 512U}, {65536, 4096U}}) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(Chip(size).hexDump(nullptr), 0);
         const std::string dump = testing::internal::GetCapturedStdout();

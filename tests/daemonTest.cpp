@@ -1,9 +1,13 @@
 // The executable from outside: its modes, the way of an entry through a real journal and a stood-in
 // chip to the log file, restarts and what is missing.
 
+#include <fcntl.h>
+#include <future>
 #include <sstream>
+#include <sys/ioctl.h>
 
 #include "logger/sequenceNumber.h"
+#include "main/client.h"
 #include "support/daemon.h"
 
 using namespace testSupport;
@@ -19,7 +23,24 @@ protected:
         ASSERT_EQ(bind(listening.get(), qwk::asSocketAddress(address), sizeof address), 0);
         ASSERT_EQ(listen(listening.get(), 5), 0);
     }
+    // A client in this process writes to `out`, which it closes, and gets this answer.
+    std::future<void> startClient(std::FILE* out, const std::string& answer) {
+        auto client = std::async(std::launch::async, [out] {
+            EXPECT_EQ(qwk::sendRequest("quillwick -g 1", out), 0);
+            EXPECT_EQ(std::fclose(out), 0);
+        });
+        daemon_ = std::async(std::launch::async, [this, answer] {
+            const Descriptor connection(accept(listening.get(), nullptr, nullptr));
+            char request[1024];
+            EXPECT_GT(recv(connection.get(), request, sizeof request, 0), 0);
+            send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+        });
+        return client;
+    }
     const Descriptor listening{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+
+private:
+    std::future<void> daemon_;
 };
 
 class DaemonTest : public System {
@@ -100,6 +121,45 @@ TEST_F(ClientTest, endsWhenNobodyReadsItsOutput) {
     listenAsDaemon(); // and never answers, like a quiet log
     ChildProcess pipeline("/bin/sh", {"-c", buildPath("quillwick") + " -l -g 0 | true"});
     EXPECT_EQ(pipeline.wait(10s), 0);
+}
+
+TEST_F(ClientTest, keepsTheOrderOfTheStreamThatItWritesTo) {
+    listenAsDaemon();
+    char* text = nullptr; // as a stream without a descriptor leaves it
+    std::size_t length = 0;
+    const auto open = {open_memstream(&text, &length), std::fopen("/tmp/out", "w")};
+    for (std::FILE* const out : open) {
+        std::fputs("before ", out);
+        startClient(out, "after\0"s).get();
+    }
+    EXPECT_EQ(std::string(text, length), "before after\n");
+    EXPECT_EQ(readFile("/tmp/out"), "before after\n");
+    std::free(text);
+}
+
+TEST_F(ClientTest, losesNothingWhileItsOutputWouldBlock) {
+    listenAsDaemon();
+    // More than a pipe holds, left in the stream's buffer or in the answer.
+    for (const auto& [buffered, answer] : {std::pair(200000U, 1U), {0U, 200000U}}) {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+        const Descriptor reader(ends[0]);
+        std::FILE* const out = fdopen(ends[1], "w");
+        std::vector<char> buffer(300000);
+        std::setvbuf(out, buffer.data(), _IOFBF, buffer.size());
+        std::fputs(std::string(buffered, 'b').c_str(), out);
+        const auto client = startClient(out, std::string(answer, 'a'));
+        EXPECT_TRUE(eventually(10s, [&] { // it is full
+            int waiting = 0;
+            return ioctl(reader.get(), FIONREAD, &waiting) == 0 && waiting > 60000;
+        }));
+        fcntl(reader.get(), F_SETFL, 0);
+        std::string all;
+        char piece[65536];
+        for (ssize_t got; (got = read(reader.get(), piece, sizeof piece)) > 0;)
+            all.append(piece, static_cast<std::size_t>(got));
+        EXPECT_EQ(all, std::string(buffered, 'b') + std::string(answer, 'a'));
+    }
 }
 
 TEST_F(DaemonTest, killedDaemonsLoseNothingAndNumbersGoOn) {

@@ -207,8 +207,12 @@ TEST_F(EepromTest, aFailedWriteIsToldAndNoCopyIsWrittenBehindIt) {
 
 TEST_F(EepromTest, openTriesUntilItsTimeIsUp) {
     chip.refuseOpens();
+    int locked = 0;
+    sink.onUnlock = [&] { ++locked; };
     for (const auto& [timeoutMs, attempts] : {std::pair(0, 1), {49, 1}, {50, 2}, {200, 3}}) {
+        locked = 0;
         EXPECT_EQ(qwk::Eeprom::open(&sink, timeoutMs), nullptr);
+        EXPECT_EQ(locked, attempts);
         const std::string texts = said();
         EXPECT_EQ(std::count(texts.begin(), texts.end(), '|'), 2 * attempts) << texts;
     }

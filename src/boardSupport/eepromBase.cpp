@@ -1,6 +1,8 @@
 #include "boardSupport/eepromBase.h"
 
 #include <algorithm>
+#include <array>
+#include <cassert>
 #include <cstring>
 #include <ctime>
 #include <linux/i2c-dev.h>
@@ -16,10 +18,11 @@ namespace boardSupport {
 namespace {
 
 constexpr std::uint32_t addressBytes = 2;
-constexpr std::uint32_t maxTransfer = 4096;
+constexpr std::uint32_t maxTransfer = 4096; // bytes, a write's address included
 constexpr std::uint32_t maxChunk = maxTransfer - addressBytes;
-constexpr std::uint16_t defaultDumpLength = 1024;
+constexpr std::size_t defaultDumpLength = 1024;
 constexpr std::size_t dumpLineBytes = 16;
+constexpr std::size_t characterColumn = 3 * dumpLineBytes + 1;
 
 // Memory addresses go over the wire high byte first.
 void putAddress(std::uint8_t* bytes, std::uint32_t address) {
@@ -31,18 +34,23 @@ bool isPrintable(std::uint8_t byte) {
     return byte >= 0x20 && byte <= 0x7E;
 }
 
+using DumpLine = std::array<char, characterColumn + dumpLineBytes + 1>;
+
 // The hexadecimal column, two blanks and the character column of up to 16 bytes. A short line is
-// padded, so that its characters stay in their column.
-std::string dumpLine(const std::uint8_t* bytes, std::size_t count) {
+// padded, so that its characters stay in their column. Allocates nothing: a dump that has begun is
+// not broken off with text in the stream's buffer.
+DumpLine dumpLine(const std::uint8_t* bytes, std::size_t count) {
     static constexpr char digits[] = "0123456789abcdef";
-    std::string hex(3 * dumpLineBytes - 1, ' ');
-    std::string characters;
+    assert(count <= dumpLineBytes);
+    DumpLine line;
+    line.fill(' ');
     for (std::size_t i = 0; i < count; ++i) {
-        hex[3 * i] = digits[bytes[i] >> 4];
-        hex[3 * i + 1] = digits[bytes[i] & 0x0F];
-        characters += isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
+        line[3 * i] = digits[bytes[i] >> 4];
+        line[3 * i + 1] = digits[bytes[i] & 0x0F];
+        line[characterColumn + i] = isPrintable(bytes[i]) ? static_cast<char>(bytes[i]) : '.';
     }
-    return hex + "  " + characters;
+    line[characterColumn + count] = '\0';
+    return line;
 }
 
 // The time that an EEPROM needs to store a page.
@@ -59,19 +67,22 @@ EepromBase::EepromBase(const std::string& device, int slaveAddress) : I2C(device
 }
 
 int EepromBase::read(std::uint16_t address, void* buffer, std::uint16_t length) {
+    return readBytes(address, static_cast<std::uint8_t*>(buffer), length) == 0 ? int{length} : -1;
+}
+
+int EepromBase::readBytes(std::uint16_t address, std::uint8_t* buffer, std::size_t length) {
     std::uint8_t start[addressBytes];
     putAddress(start, offset + address);
     if (::write(fd, start, sizeof start) != static_cast<ssize_t>(sizeof start))
         return -1;
-    auto* next = static_cast<std::uint8_t*>(buffer);
-    for (std::uint32_t left = length; left > 0;) {
-        const std::uint32_t piece = std::min(left, maxTransfer);
-        if (::read(fd, next, piece) != static_cast<ssize_t>(piece))
+    while (length > 0) {
+        const std::size_t piece = std::min<std::size_t>(length, maxTransfer);
+        if (::read(fd, buffer, piece) != static_cast<ssize_t>(piece))
             return -1;
-        next += piece;
-        left -= piece;
+        buffer += piece;
+        length -= piece;
     }
-    return length;
+    return 0;
 }
 
 int EepromBase::write(std::uint16_t address, const void* data, std::uint16_t length) {
@@ -117,8 +128,8 @@ int EepromBase::hexDump(std::FILE* out) {
     return 0;
 }
 
-std::uint16_t EepromBase::imageLength() const {
-    return size == 0 ? defaultDumpLength : static_cast<std::uint16_t>(size);
+std::size_t EepromBase::imageLength() const {
+    return size == 0 ? defaultDumpLength : static_cast<std::size_t>(size);
 }
 
 int EepromBase::readImage(Image& image) {
@@ -127,7 +138,7 @@ int EepromBase::readImage(Image& image) {
         qwk::report(LOG_ERR, "Out of memory.");
         return -1;
     }
-    if (read(0, image.get(), imageLength()) < 0)
+    if (readBytes(0, image.get(), imageLength()) != 0)
         image.reset();
     return 0;
 }
@@ -139,7 +150,7 @@ void EepromBase::printImage(const Image& image, std::FILE* out) const {
     for (std::size_t at = 0; at < length; at += dumpLineBytes) {
         const std::size_t count = std::min(length - at, dumpLineBytes);
         std::fprintf(out != nullptr ? out : stdout, "%04zx  %s\n", at,
-                     dumpLine(image.get() + at, count).c_str());
+                     dumpLine(image.get() + at, count).data());
     }
     if (out != nullptr)
         std::fflush(out);

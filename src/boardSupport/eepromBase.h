@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -9,10 +10,10 @@
 
 namespace boardSupport {
 
-/// Byte access to a serial memory chip (EEPROM or FRAM) with 16-bit memory addresses behind an I2C
-/// bus device. Every transfer is one read() or write() of at most 4096 bytes with its own start and
-/// stop condition; a read relies on the chip's address counter between its transfers, so whoever
-/// uses several objects on one bus keeps their operations apart.
+/// Byte access to a serial memory chip (EEPROM or FRAM) with 16-bit memory addresses on an I2C bus.
+/// Every transfer is one read() or write() of at most 4096 bytes with its own start and stop
+/// condition. A read relies on the chip's address counter between its transfers, so a user of
+/// several objects on one bus keeps their operations apart.
 class EepromBase : public I2C {
 public:
     /// Opens `device` and selects the chip at the 7-bit `slaveAddress`; failures are reported. The
@@ -26,7 +27,7 @@ public:
     int read(std::uint16_t address, void* buffer, std::uint16_t length);
 
     /// Writes `length` bytes to memory address `address`. Returns `length`, or -1: nothing is sent
-    /// when the range leaves the chip, and what was sent stays written when a transfer fails.
+    /// when the range leaves the chip, and the bytes sent stay written when a transfer fails.
     int write(std::uint16_t address, const void* data, std::uint16_t length);
 
     /// The CRC-32 of boardSupport/crc32.h.
@@ -45,7 +46,7 @@ protected:
     /// Reads the whole chip: 0 with `image` set, or null in it when the chip cannot be read; -1
     /// when memory is short (reported).
     int readImage(Image& image);
-    /// Prints what readImage read.
+    /// Prints the image that readImage read; nothing when that is null.
     void printImage(const Image& image, std::FILE* out) const;
 
     /// Added to every memory address, modulo 65536.
@@ -56,7 +57,10 @@ protected:
     std::int32_t pageSize = 0;
 
 private:
-    std::uint16_t imageLength() const;
+    /// Reads from `address` on in one address transfer and data transfers of at most 4096 bytes,
+    /// also beyond 65535, where the chip's address counter decides. 0, or -1 as read().
+    int readBytes(std::uint16_t address, std::uint8_t* buffer, std::size_t length);
+    std::size_t imageLength() const;
 };
 
 } // namespace boardSupport

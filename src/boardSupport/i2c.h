@@ -12,7 +12,6 @@ public:
     I2C(const I2C&) = delete;
     I2C& operator=(const I2C&) = delete;
 
-protected:
-    /// The bus device; negative when it did not open.
-    const int fd;
+    /// The bus device; negative when it did not open. Owned: callers test it and leave it as it is.
+    int fd;
 };

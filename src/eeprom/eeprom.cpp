@@ -1,6 +1,7 @@
 #include "eeprom/eeprom.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 
 #include "support/diagnostics.h"
@@ -16,6 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds openRetryInterval{100};
 
 std::uint32_t headerAddress(int copy) {
+    assert(copy == 0 || copy == 1);
     return static_cast<std::uint32_t>(copy) * headerSize;
 }
 
@@ -47,7 +49,8 @@ Eeprom::Eeprom(const std::string& device, int slaveAddress, LogSink* sink)
     : EepromBase(device, slaveAddress), logSink(sink), buffer(new std::uint8_t[chipSize + 1]) {
     offset = 0;
     size = chipSize;
-    if (logSink != nullptr && fd >= 0) {
+    // Also for a device that did not open: its headers cannot be read, so nothing is loaded.
+    if (logSink != nullptr) {
         const ChipLock chip(chipMutex_);
         load();
     }
@@ -79,23 +82,28 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
     std::uint32_t count = 0;
     std::uint32_t nextId = 0;
     if (readHeaders(end, count, nextId) != 0) {
+        // Searches the log file without the sink's lock, for which streams would have to wait: only
+        // a flush writes or rolls that file, and the chip lock keeps flushes out.
         if (logSink != nullptr)
             logSink->nextSequenceNumber(nextId);
         report(LOG_WARNING, "Header of FRAM cache either invalid or uninitialised.");
     }
     const std::uint32_t length = entrySize(message);
+    // A record may end exactly at the chip's end. Headers whose `end` is beyond it flush as well.
     if (end + length > chipSize) {
         static_cast<void>(flushLocked()); // reported there; the new entry must be stored anyway
         end = entryAreaStart;
         count = 0;
     }
+    // Shown to clients before it is in the chip: they see the entry even when the chip fails. No
+    // flush comes in between, because the chip lock is held.
     if (logSink != nullptr) {
         const SinkLock held(*logSink);
         logSink->addToCache(nextId, priority, time, message);
     }
     // The record first, then copy 0: at a power cut the headers never cover half a record.
     if (writeLogEntry(end, priority, time, message) != 0 ||
-        writeHeaders(end + length, count + 1, nextId + 1) != 0)
+        writeHeaders({end + length, count + 1, nextId + 1}) != 0)
         report(LOG_ERR, "Writing log to FRAM cache failed.");
 }
 
@@ -108,12 +116,15 @@ int Eeprom::flushLocked() {
     if (logSink == nullptr)
         return -1;
     SinkLock held(*logSink);
+    // Before the headers are known to be good: the entries that the buffer shows either move to the
+    // log file now, where clients find them, or are lost with the headers already.
     logSink->clearCache();
     std::uint32_t end;
     std::uint32_t count;
     std::uint32_t nextId;
     if (readHeaders(end, count, nextId) != 0)
         return -1;
+    // Already as the reset would leave it. With another count the headers contradict themselves.
     if (end == entryAreaStart && count == 0)
         return 0;
     std::uint32_t written = 0;
@@ -121,6 +132,7 @@ int Eeprom::flushLocked() {
         walkEntries(end, nextId - count, written, [this](std::uint32_t id, const Entry& entry) {
             logSink->sink(id, entry.priority, entry.time, entry.message);
         });
+    // Returns with the lines on stable storage: only then may the chip let its entries go.
     held.unlock();
     if (!complete)
         report(LOG_ERR, "FRAM cache corrupted.");
@@ -130,7 +142,7 @@ int Eeprom::flushLocked() {
 }
 
 int Eeprom::resetHeaders(std::uint32_t nextId) {
-    if (writeHeaders(entryAreaStart, 0, nextId) == 0)
+    if (writeHeaders({entryAreaStart, 0, nextId}) == 0)
         return 0;
     report(LOG_ERR, "Cannot write headers.");
     return -1;
@@ -163,6 +175,8 @@ int Eeprom::readKlv(std::uint32_t address) {
     // Addresses wrap at 16 bits, as on the wire.
     if (read(static_cast<std::uint16_t>(address), buffer.get(), klvHeadSize) < 0)
         return -1;
+    // A length below the head's would make the rest negative, one beyond the chip's size would run
+    // over the buffer. A cleared chip has 0 here, a blank one 0xFFFF.
     const std::uint32_t length = klvLength(buffer.get());
     if (length < klvHeadSize || length >= chipSize)
         return -1;
@@ -176,6 +190,8 @@ int Eeprom::readKlv(std::uint32_t address) {
 int Eeprom::checkHeader(int copy, Header& header) {
     if (readKlv(headerAddress(copy)) != 0)
         return -1;
+    // The length tells whether the fields are at their places, the key whether this is a header at
+    // all, and the CRC whether a power cut left it half written.
     const std::uint8_t* block = buffer.get();
     if (klvLength(block) != headerSize) {
         report(LOG_ERR, "Unexpected size of header block (%d)", static_cast<int>(klvLength(block)));
@@ -203,7 +219,9 @@ int Eeprom::readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t&
     end = copies[chosen].end;
     count = copies[chosen].count;
     nextId = copies[chosen].nextId;
-    // A failure leaves one good copy, which is enough until the next operation tries again.
+    // Two valid copies stay as they are, even when they differ: a rewrite would leave the chip with
+    // one copy while it lasts, and the next append writes both anyway. A failed repair leaves one
+    // good copy, which is enough until the next operation tries again.
     if (!valid[1 - chosen])
         static_cast<void>(writeHeader(1 - chosen, end, count, nextId));
     return 0;
@@ -217,10 +235,11 @@ int Eeprom::writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::u
                                                                                                 : 0;
 }
 
-int Eeprom::writeHeaders(std::uint32_t end, std::uint32_t count, std::uint32_t nextId) {
-    if (writeHeader(0, end, count, nextId) != 0)
+int Eeprom::writeHeaders(const Header& header) {
+    // After a failure copy 1 is not touched: it may be the only good one.
+    if (writeHeader(0, header.end, header.count, header.nextId) != 0)
         return -1;
-    return writeHeader(1, end, count, nextId);
+    return writeHeader(1, header.end, header.count, header.nextId);
 }
 
 int Eeprom::readLogEntry(std::uint32_t address, Entry& entry, std::uint32_t& length) {
@@ -232,6 +251,7 @@ int Eeprom::readLogEntry(std::uint32_t address, Entry& entry, std::uint32_t& len
         reportUnexpectedKey(buffer.get());
         return -1;
     }
+    // A shorter record would take its fields from the bytes that follow it.
     length = klvLength(buffer.get());
     if (length < minEntrySize)
         return -1;
@@ -242,6 +262,7 @@ int Eeprom::readLogEntry(std::uint32_t address, Entry& entry, std::uint32_t& len
 int Eeprom::writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
                           const std::string& message) {
     const std::uint32_t length = encodeEntry(buffer.get(), priority, time, message);
+    assert(address + length <= chipSize);
     return write(static_cast<std::uint16_t>(address), buffer.get(),
                  static_cast<std::uint16_t>(length)) < 0
                ? -1
@@ -260,6 +281,7 @@ bool Eeprom::walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t
         visit(firstId + visited, entry);
         address += length;
     }
+    // Not so when the last record reaches beyond `end`, nor when `end` is before the area.
     return address == end;
 }
 

@@ -27,11 +27,12 @@ public:
     static Eeprom* open(LogSink* logSink, int timeoutMs);
 
     /// Opens the chip and, while `logSink` was never given an entry, loads the chip's entries into
-    /// its recent-entry buffer. `logSink` is not owned and may be null.
+    /// its recent-entry buffer. `logSink` is not owned and may be null; its lock is taken and given
+    /// back even when the device did not open. The caller does not hold it.
     Eeprom(const std::string& device, int slaveAddress, LogSink* logSink);
     ~Eeprom() override = default;
 
-    /// Stores one entry, flushing the cache before when it has no room. What fails is reported; the
+    /// Stores one entry, flushing the cache before when it has no room. A failure is reported; the
     /// entry is then in the recent-entry buffer only, unless header copy 0 was written.
     void append(std::int32_t priority, const std::uint64_t& time, const std::string& message);
 
@@ -42,8 +43,8 @@ public:
     /// Writes zeros over the chip and empties the recent-entry buffer; 0 or -1.
     int clear();
 
-    /// Prints the chip to `out` as the base does, and reads it under the chip lock, which the base
-    /// does not know. A slow reader of `out` delays nobody else.
+    /// The base's dump, declared again because it has to read the chip under the chip lock, which
+    /// the base does not know. A slow reader of `out` delays nobody else.
     int hexDump(std::FILE* out);
 
 private:
@@ -60,11 +61,12 @@ private:
     int readKlv(std::uint32_t address);
     /// 0 and the values of header copy 0 or 1 when that copy is valid, else -1.
     int checkHeader(int copy, framLayout::Header& header);
-    /// 0 and the cache's state when a header copy is valid (the other one is mended), else -1.
+    /// 0 and the cache's state when a header copy is valid (the other one is repaired), else
+    /// -1.
     int readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t& nextId);
     int writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
     /// Copy 0 and, only when that succeeded, copy 1; 0 or -1.
-    int writeHeaders(std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
+    int writeHeaders(const framLayout::Header& header);
     /// 0 with `entry` and the record's `length`, or -1 when there is no usable entry there.
     int readLogEntry(std::uint32_t address, framLayout::Entry& entry, std::uint32_t& length);
     int writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
@@ -78,7 +80,7 @@ private:
     static std::mutex chipMutex_;
 
     LogSink* const logSink;
-    /// One record and a NUL behind it, or the zeros of a clear.
+    /// One record and a NUL after it, or the zeros of a clear.
     const std::unique_ptr<std::uint8_t[]> buffer;
 };
 

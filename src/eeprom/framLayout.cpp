@@ -1,5 +1,6 @@
 #include "eeprom/framLayout.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "boardSupport/crc32.h"
@@ -11,30 +12,30 @@ namespace {
 constexpr std::uint8_t headerKey[keySize] = {'h', 'd', 'r', '1'};
 constexpr std::uint8_t entryKey[keySize] = {'l', 'o', 'g', '1'};
 
-// Big-endian numbers of 1 to 8 bytes.
-std::uint64_t getNumber(const std::uint8_t* bytes, unsigned count) {
+// Byte by byte, so that neither the machine's byte order nor its alignment matters. 1 to 8 bytes.
+std::uint64_t readBigEndian(const std::uint8_t* bytes, unsigned count) {
     std::uint64_t value = 0;
     for (unsigned i = 0; i < count; ++i)
         value = value << 8 | bytes[i];
     return value;
 }
 
-void putNumber(std::uint8_t* bytes, unsigned count, std::uint64_t value) {
+void writeBigEndian(std::uint8_t* bytes, unsigned count, std::uint64_t value) {
     for (unsigned i = count; i-- > 0; value >>= 8)
         bytes[i] = static_cast<std::uint8_t>(value);
 }
 
-std::uint32_t get16(const std::uint8_t* bytes) {
-    return static_cast<std::uint32_t>(getNumber(bytes, 2));
+std::uint32_t read16(const std::uint8_t* bytes) {
+    return static_cast<std::uint32_t>(readBigEndian(bytes, 2));
 }
 
-std::uint32_t get32(const std::uint8_t* bytes) {
-    return static_cast<std::uint32_t>(getNumber(bytes, 4));
+std::uint32_t read32(const std::uint8_t* bytes) {
+    return static_cast<std::uint32_t>(readBigEndian(bytes, 4));
 }
 
-void putHead(std::uint8_t* klv, const std::uint8_t (&key)[keySize], std::uint32_t length) {
+void writeHead(std::uint8_t* klv, const std::uint8_t (&key)[keySize], std::uint32_t length) {
     std::memcpy(klv + keyAt, key, keySize);
-    putNumber(klv + lengthAt, 2, length);
+    writeBigEndian(klv + lengthAt, 2, length);
 }
 
 } // namespace
@@ -48,7 +49,7 @@ bool hasEntryKey(const std::uint8_t* klv) {
 }
 
 std::uint32_t klvLength(const std::uint8_t* klv) {
-    return get16(klv + lengthAt);
+    return read16(klv + lengthAt);
 }
 
 std::uint32_t computedCrc(const std::uint8_t* block) {
@@ -56,26 +57,29 @@ std::uint32_t computedCrc(const std::uint8_t* block) {
 }
 
 std::uint32_t storedCrc(const std::uint8_t* block) {
-    return get32(block + crcAt);
+    return read32(block + crcAt);
 }
 
 Header decodeHeader(const std::uint8_t* block) {
-    return {get16(block + endAt), get16(block + countAt), get32(block + nextIdAt)};
+    return {read16(block + endAt), read16(block + countAt), read32(block + nextIdAt)};
 }
 
 std::array<std::uint8_t, headerSize> encodeHeader(const Header& header) {
     std::array<std::uint8_t, headerSize> block{};
-    putHead(block.data(), headerKey, headerSize);
-    putNumber(block.data() + endAt, 2, header.end);
-    putNumber(block.data() + countAt, 2, header.count);
-    putNumber(block.data() + nextIdAt, 4, header.nextId);
-    putNumber(block.data() + crcAt, 4, computedCrc(block.data()));
+    writeHead(block.data(), headerKey, headerSize);
+    writeBigEndian(block.data() + endAt, 2, header.end);
+    writeBigEndian(block.data() + countAt, 2, header.count);
+    writeBigEndian(block.data() + nextIdAt, 4, header.nextId);
+    writeBigEndian(block.data() + crcAt, 4, computedCrc(block.data()));
     return block;
 }
 
 void decodeEntry(const std::uint8_t* record, Entry& entry) {
+    assert(klvLength(record) >= minEntrySize);
     entry.priority = record[priorityAt];
-    entry.time = getNumber(record + timeAt, 8);
+    entry.time = readBigEndian(record + timeAt, 8);
+    // The journal's messages have no NUL. One from elsewhere must not get into the log's lines, for
+    // there it ends a delivery.
     const auto* text = reinterpret_cast<const char*>(record + messageAt);
     entry.message.assign(text, strnlen(text, klvLength(record) - messageAt));
 }
@@ -83,10 +87,11 @@ void decodeEntry(const std::uint8_t* record, Entry& entry) {
 std::uint32_t encodeEntry(std::uint8_t* record, std::int32_t priority, std::uint64_t time,
                           const std::string& message) {
     const std::uint32_t length = entrySize(message);
-    putHead(record, entryKey, length);
+    writeHead(record, entryKey, length);
     record[priorityAt] = static_cast<std::uint8_t>(priority);
-    putNumber(record + timeAt, 8, time);
+    writeBigEndian(record + timeAt, 8, time);
 
+    // Of a long message both ends are kept: the sender comes first, an error's text often last.
     std::uint8_t* text = record + messageAt;
     if (message.size() <= maxMessage) {
         std::memcpy(text, message.data(), message.size());

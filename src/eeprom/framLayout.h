@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-/// The bytes in the FRAM chip. All numbers are big-endian. Two copies of the header block stand at
-/// the chip's start; entry records follow back to back, oldest first. Both kinds are KLV records: a
+/// The bytes in the FRAM chip. All numbers are big-endian. Two copies of the header block begin the
+/// chip; entry records follow back to back, oldest first. Both kinds are KLV records: a
 /// key of four characters, the length of the whole record (two bytes), and a value.
 namespace qwk::framLayout {
 
@@ -17,7 +17,7 @@ inline constexpr std::uint32_t lengthAt = 4;
 inline constexpr std::uint32_t klvHeadSize = 6;
 
 /// Header block, key "hdr1".
-inline constexpr std::uint32_t endAt = 6;     // 2 bytes: address behind the last record
+inline constexpr std::uint32_t endAt = 6;     // 2 bytes: address after the last record
 inline constexpr std::uint32_t countAt = 8;   // 2 bytes: number of records
 inline constexpr std::uint32_t nextIdAt = 10; // 4 bytes: sequence number of the next entry
 inline constexpr std::uint32_t crcAt = 14;    // 4 bytes: CRC-32/ISO-HDLC of all before it
@@ -38,13 +38,22 @@ inline constexpr char longMessageFiller[] = "........";
 inline constexpr std::uint32_t longMessageTail = 16;
 inline constexpr std::uint32_t maxEntrySize = messageAt + maxMessage;
 
-static_assert(crcAt + 4 == headerSize && timeAt + 8 == messageAt);
+// Every field begins where the one before it ends.
+static_assert(keyAt + keySize == lengthAt && lengthAt + 2 == klvHeadSize);
+static_assert(endAt == klvHeadSize && endAt + 2 == countAt && countAt + 2 == nextIdAt &&
+              nextIdAt + 4 == crcAt && crcAt + 4 == headerSize);
+static_assert(priorityAt == klvHeadSize && priorityAt + 1 == timeAt && timeAt + 8 == messageAt);
+// Chips in the field have these sizes.
+static_assert(headerSize == 18 && entryAreaStart == 36);
+static_assert(minEntrySize == 15 && maxEntrySize == 271);
+// `end` and the length fields have two bytes, and an empty chip has room for any entry.
+static_assert(chipSize <= 0xFFFF && entryAreaStart + maxEntrySize <= chipSize);
 static_assert(longMessageHead + sizeof longMessageFiller - 1 + longMessageTail == maxMessage);
 
-/// What a header block says about the cache.
+/// The cache's state as a header block has it.
 struct Header {
-    std::uint32_t end;
-    std::uint32_t count;
+    std::uint32_t end;   // the low 16 bits are stored
+    std::uint32_t count; // likewise
     std::uint32_t nextId;
 };
 
@@ -61,7 +70,7 @@ bool hasEntryKey(const std::uint8_t* klv);
 /// The length field of the record whose head is at `klv`.
 std::uint32_t klvLength(const std::uint8_t* klv);
 
-/// CRC of the header block at `block`, as it should be and as it stands there.
+/// CRC of the header block at `block`, as it should be and as it is stored there.
 std::uint32_t computedCrc(const std::uint8_t* block);
 std::uint32_t storedCrc(const std::uint8_t* block);
 

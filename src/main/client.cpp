@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
+#include <stdio_ext.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -35,25 +37,17 @@ FileDescriptor connectToDaemon() {
 
 // Sends the line with its terminating zero byte; 0, or -1 when a send fails (reported).
 int sendLine(int socket, const std::string& line) {
-    const std::size_t length = line.size() + 1;
-    for (std::size_t done = 0; done < length;) {
-        const ssize_t sent =
-            retryOnInterrupt([&] { return send(socket, line.c_str() + done, length - done, 0); });
-        if (sent < 0) {
-            report(LOG_ERR, "Send failed (%s).", errorText(errno).c_str());
-            return -1;
-        }
-        if (sent == 0)
-            break;
-        done += static_cast<std::size_t>(sent);
-    }
-    return 0;
+    if (sendAll(socket, line.c_str(), line.size() + 1) == 0)
+        return 0;
+    report(LOG_ERR, "Send failed (%s).", errorText(errno).c_str());
+    return -1;
 }
 
 enum class Wait { answer, outputGone, failed };
 
-// Waits for the next piece of the answer, or until the reader of `out` has gone: a quiet log would
-// otherwise keep the client of a closed pipe for ever.
+// Waits for the next piece of the answer, or until the reader of `out` has left: a quiet log would
+// otherwise keep the client of a closed pipe for ever. A stream without a descriptor has no reader
+// that could leave, and poll() skips its -1.
 Wait waitForAnswer(int socket, std::FILE* out) {
     for (;;) {
         pollfd watched[2] = {{socket, POLLIN, 0}, {fileno(out), 0, 0}};
@@ -69,22 +63,44 @@ Wait waitForAnswer(int socket, std::FILE* out) {
     }
 }
 
-// Writes all of it, past the stream's own buffer, which would lose what a non-blocking output does
-// not take at once. False when the output takes no more.
-bool writeOut(std::FILE* out, const char* text, std::size_t length) {
+// Writes text that the caller left in the stream's buffer. A flush drops the part that a
+// non-blocking output does not take at once, so the output blocks for as long as the flush lasts.
+bool flushBuffered(std::FILE* out) {
+    if (__fpending(out) == 0)
+        return true;
+    const int flags = fcntl(fileno(out), F_GETFL);
+    const bool wouldDrop = flags >= 0 && (flags & O_NONBLOCK) != 0;
+    if (wouldDrop)
+        static_cast<void>(fcntl(fileno(out), F_SETFL, flags & ~O_NONBLOCK));
+    const bool flushed = std::fflush(out) == 0;
+    if (wouldDrop)
+        static_cast<void>(fcntl(fileno(out), F_SETFL, flags));
+    return flushed;
+}
+
+// Writes all of the bytes, however long the output takes for them. False when it takes no more.
+bool writeToDescriptor(int descriptor, const char* text, std::size_t length) {
     while (length > 0) {
-        const ssize_t written = retryOnInterrupt([&] { return write(fileno(out), text, length); });
+        const ssize_t written = retryOnInterrupt([&] { return write(descriptor, text, length); });
         if (written >= 0) {
             text += written;
             length -= static_cast<std::size_t>(written);
         } else if (errno == EAGAIN) {
-            pollfd output{fileno(out), POLLOUT, 0};
+            pollfd output{descriptor, POLLOUT, 0};
             poll(&output, 1, pollPeriodMs);
         } else {
             return false;
         }
     }
     return true;
+}
+
+// Writes all of it at once, in the stream's order. Where there is a descriptor the text goes past
+// the stream's buffer, from which a flush drops text. False when the output takes no more.
+bool writeOut(std::FILE* out, const char* text, std::size_t length) {
+    if (fileno(out) < 0)
+        return std::fwrite(text, 1, length, out) == length && std::fflush(out) == 0;
+    return flushBuffered(out) && writeToDescriptor(fileno(out), text, length);
 }
 
 // Prints a received piece, which a zero byte follows; false when the output takes no more.
@@ -130,6 +146,7 @@ std::string requestLine(int argc, const char* const* argv) {
 }
 
 void printUsage() {
+    // The text stays, "-c" included, although the daemon takes "--clear" alone.
     std::fputs("Usage: quillwick\n"
                "       quillwick -c\n"
                "       quillwick -p\n"

@@ -12,6 +12,7 @@
 #include "logger/logger.h"
 #include "server/server.h"
 #include "support/diagnostics.h"
+#include "support/signals.h"
 #include "support/stopRequest.h"
 
 namespace qwk {
@@ -43,11 +44,9 @@ sigset_t handledSignalSet() {
     return set;
 }
 
-// All threads inherit this: none but the main one ever takes a handled signal, and writing to a
-// client that has gone is an error of the call, not the end of the process.
-void blockSignals() {
-    sigset_t set = handledSignalSet();
-    sigaddset(&set, SIGPIPE);
+// All threads inherit this: none but the main one ever takes a handled signal.
+void blockHandledSignals() {
+    const sigset_t set = handledSignalSet();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
@@ -70,6 +69,7 @@ void takeSignals() {
 std::unique_ptr<Eeprom> openEeprom(int& timeoutMs) {
     std::unique_ptr<Eeprom> eeprom(Eeprom::open(g_daemon.logger, timeoutMs));
     if (!eeprom && !stopRequest().isRequested()) {
+        // The spelling stays: others match this text.
         report(LOG_WARNING, "Openening i2c bus for EEPROM timed out.");
         timeoutMs = withoutLimit;
         eeprom.reset(Eeprom::open(g_daemon.logger, timeoutMs));
@@ -97,13 +97,14 @@ void mainLoop() {
 void reportSignal(int number) {
     for (const HandledSignal& handled : handledSignals)
         if (handled.number == number)
+            // The newline is part of the text, though syslog ends each message itself.
             report(LOG_DEBUG, "Received signal %s.\n", handled.name);
 }
 
-// In the reverse of the order of creation: nothing outlives what it uses.
+// In the reverse of the order of creation, so that no object outlives one that it uses.
 [[noreturn]] void tearDown() {
-    // A further signal has nothing to add, and must not meet what exit() destroys.
-    blockSignals();
+    // A further signal has nothing to add, and must not meet the objects that exit() destroys.
+    blockHandledSignals();
     reportSignal(stopRequest().signal());
     delete g_daemon.server;
     delete g_daemon.journal;
@@ -114,7 +115,8 @@ void reportSignal(int number) {
 } // namespace
 
 void runDaemon() {
-    blockSignals();
+    blockHandledSignals();
+    blockBrokenPipe();
     static_cast<void>(stopRequest()); // made before the handler can use it
     createObjects();
     takeSignals();

@@ -16,9 +16,6 @@ struct DaemonObjects {
 
 extern DaemonObjects g_daemon;
 
-/// Whether a second process runs as daemon beside the calling one, which counts as the first.
-bool isDaemonRunning();
-
 /// Runs the daemon on the calling thread, which becomes its main thread. Ends the process with
 /// status 0 after a handled signal.
 [[noreturn]] void runDaemon();

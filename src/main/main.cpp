@@ -1,4 +1,3 @@
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -6,6 +5,8 @@
 
 #include "main/client.h"
 #include "main/daemon.h"
+#include "main/singleInstance.h"
+#include "support/signals.h"
 
 namespace {
 
@@ -16,14 +17,6 @@ void occupyStandardDescriptors() {
         descriptor = open("/dev/null", O_RDWR);
     if (descriptor > STDERR_FILENO)
         close(descriptor);
-}
-
-// A peer or a reader that has just gone is an error of the call, not the end of the process.
-void blockBrokenPipe() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
 void becomeDaemon() {
@@ -41,7 +34,7 @@ void beClient(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     occupyStandardDescriptors();
-    blockBrokenPipe();
+    qwk::blockBrokenPipe();
     if (argc == 1)
         becomeDaemon();
     else if (argc == 2 && std::strcmp(argv[1], "-h") == 0)

@@ -1,4 +1,4 @@
-// How a daemon knows that another one runs: by the command lines of all processes.
+#include "main/singleInstance.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -6,7 +6,6 @@
 #include <memory>
 #include <string>
 
-#include "main/daemon.h"
 #include "support/fileDescriptor.h"
 
 namespace qwk {

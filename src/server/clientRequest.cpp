@@ -1,16 +1,14 @@
-// One client's request, from its first byte to the end of its thread: the part of Server that a
-// client thread runs.
+#include "server/clientRequest.h"
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <fcntl.h>
+#include <memory>
 #include <sys/socket.h>
 
-#include <log4cplus/logger.h>
-
 #include "eeprom/eeprom.h"
-#include "server/server.h"
+#include "logger/logger.h"
+#include "server/request.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
 
@@ -33,64 +31,9 @@ bool receiveRequest(int socket, char (&buffer)[maxRequest + 1]) {
     return true;
 }
 
-// Sends the text and its terminating zero byte.
-void sendAnswer(int socket, const char* text) {
-    const std::size_t length = std::strlen(text) + 1;
-    for (std::size_t done = 0; done < length;) {
-        const ssize_t sent =
-            retryOnInterrupt([&] { return send(socket, text + done, length - done, 0); });
-        if (sent < 0)
-            report(LOG_ERR, "Send error (%s).", errorText(errno).c_str());
-        if (sent <= 0)
-            return;
-        done += static_cast<std::size_t>(sent);
-    }
-}
-
-} // namespace
-
-void Server::handleClient(int socket) {
-    Connection connection(socket);
-    try {
-        serve(connection);
-    } catch (const std::exception& error) {
-        report(LOG_ERR, "Cannot serve client (%s).", error.what());
-    }
-    connection.discardUnsent();
-    // Frees what log4cplus keeps for this thread, which it would otherwise do at some time after
-    // the daemon believes the thread to have ended.
-    log4cplus::threadCleanup();
-    deregister(connection);
-}
-
-void Server::serve(Connection& connection) {
-    char buffer[maxRequest + 1];
-    if (!receiveRequest(connection.socket(), buffer))
-        return;
-    const Request request = parseRequest(buffer);
-    const char* answer = request.parseError ? "Parse error." : carryOut(request, connection);
-    if (*answer != '\0')
-        sendAnswer(connection.socket(), answer);
-}
-
-const char* Server::carryOut(const Request& request, Connection& connection) {
-    const Action action = actionOf(request);
-    switch (action) {
-    case Action::clear:
-    case Action::dump:
-    case Action::flush:
-        return useEeprom(action, connection);
-    case Action::deliver:
-        deliver(request, connection.socket());
-        break;
-    case Action::none:
-        break;
-    }
-    return "";
-}
-
-const char* Server::useEeprom(Action action, Connection& connection) {
-    const std::unique_ptr<Eeprom> eeprom(Eeprom::open(logger_, eepromTimeoutMs));
+// Returns the answer, which may be empty.
+const char* runChipAction(Action action, Connection& connection, Logger& logger) {
+    const std::unique_ptr<Eeprom> eeprom(Eeprom::open(&logger, eepromTimeoutMs));
     if (!eeprom)
         return "Cannot access EEPROM.";
     if (action == Action::clear)
@@ -102,21 +45,46 @@ const char* Server::useEeprom(Action action, Connection& connection) {
     return "";
 }
 
-void Server::deliver(const Request& request, int socket) {
+void deliverLogs(const Request& request, int socket, Logger& logger) {
     const int flags = fcntl(socket, F_GETFL);
     if (flags >= 0 && fcntl(socket, F_SETFL, flags | O_NONBLOCK) >= 0)
-        logger_->streamLogs(request.maxsize, request.listen, socket);
+        logger.streamLogs(request.maxsize, request.listen, socket);
 }
 
-void Server::deregister(Connection& connection) {
-    const int socket = connection.socket();
-    const std::lock_guard<std::mutex> held(clientsMutex_);
-    connection.close();
-    const auto entry = clients_.find(socket);
-    if (entry != clients_.end()) {
-        entry->second->detach();
-        clients_.erase(entry);
+// Returns the answer, which may be empty.
+const char* carryOut(const Request& request, Connection& connection, Logger& logger) {
+    const Action action = actionOf(request);
+    switch (action) {
+    case Action::clear:
+    case Action::dump:
+    case Action::flush:
+        return runChipAction(action, connection, logger);
+    case Action::deliver:
+        deliverLogs(request, connection.socket(), logger);
+        break;
+    case Action::none:
+        break;
     }
+    return "";
+}
+
+// The zero byte that ends the text goes with it: it tells the client where the answer ends.
+void sendAnswer(int socket, const char* text) {
+    if (sendAll(socket, text, std::strlen(text) + 1) != 0)
+        report(LOG_ERR, "Send error (%s).", errorText(errno).c_str());
+}
+
+} // namespace
+
+void serveClient(Connection& connection, Logger& logger) {
+    char buffer[maxRequest + 1];
+    if (!receiveRequest(connection.socket(), buffer))
+        return;
+    const Request request = parseRequest(buffer);
+    const char* answer =
+        request.parseError ? "Parse error." : carryOut(request, connection, logger);
+    if (*answer != '\0')
+        sendAnswer(connection.socket(), answer);
 }
 
 } // namespace qwk

@@ -1,19 +1,15 @@
 #include "server/connection.h"
 
-#include <stdio_ext.h>
+#include <cassert>
 #include <unistd.h>
 #include <utility>
 
 namespace qwk {
 
 std::FILE* Connection::openStream() {
+    assert(stream_ == nullptr);
     stream_ = fdopen(socket_, "w");
     return stream_;
-}
-
-void Connection::discardUnsent() {
-    if (stream_ != nullptr)
-        __fpurge(stream_);
 }
 
 void Connection::close() {

@@ -15,14 +15,13 @@ public:
 
     int socket() const { return socket_; }
 
-    /// A stream for writing to the socket; null when it cannot be opened. From here on the stream
-    /// owns the descriptor.
+    /// A stream for writing to the socket, asked for once; null when it cannot be opened. From here
+    /// on the stream owns the descriptor.
     std::FILE* openStream();
 
-    /// Drops what the stream could not send, so that close() never waits for the client.
-    void discardUnsent();
-
-    /// Closes the descriptor; it is closed once, however often this is called.
+    /// Closes the descriptor; it is closed once, however often this is called. Never waits for the
+    /// client, because a dump leaves nothing in the stream's buffer: it ends with a flush, and a
+    /// flush that fails drops the text.
     void close();
 
 private:

@@ -1,9 +1,8 @@
 #include "server/request.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
+
+#include "support/numbers.h"
 
 namespace qwk {
 
@@ -20,13 +19,9 @@ void parseMaxsize(const char* text, Request& request) {
         request.parseError = true;
         return;
     }
-    char* end = nullptr;
-    const long number = std::strtol(text, &end, 10);
+    const char* end = nullptr;
+    request.maxsize = parseDecimal(text, end);
     request.parseError |= end == text || *end != '\0';
-    // As strtol does where long has 32 bits.
-    using Limits = std::numeric_limits<std::int32_t>;
-    request.maxsize =
-        static_cast<std::int32_t>(std::clamp<long>(number, Limits::min(), Limits::max()));
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 
 namespace qwk {
 
-/// What one request line asks for.
+/// The options of one request line.
 struct Request {
     bool clear = false;
     bool dump = false;
@@ -20,8 +20,8 @@ Request parseRequest(char* text);
 
 enum class Action { none, clear, dump, flush, deliver };
 
-/// The one action that a request without a parse error stands for; combinations that have no
-/// meaning stand for none.
+/// The one action that a request without a parse error asks for; none when it combines options that
+/// have no meaning together.
 Action actionOf(const Request& request);
 
 } // namespace qwk

@@ -1,5 +1,6 @@
 #include "server/server.h"
 
+#include <cassert>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -10,6 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "logger/logger.h"
+#include "server/clientRequest.h"
+#include "server/connection.h"
 #include "support/controlSocket.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
@@ -26,6 +30,7 @@ constexpr std::chrono::milliseconds endRetryInterval{100};
 } // namespace
 
 Server::Server(Logger* logger) : logger_(logger) {
+    assert(logger != nullptr);
     const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     listenSocket_ = socket;
     if (socket < 0) {
@@ -45,12 +50,13 @@ bool Server::bindSocket(int socket) {
     const sockaddr_un address = controlSocketAddress();
     // Only the daemon's user and root may connect; the path takes the socket's mode over.
     static_cast<void>(fchmod(socket, S_IRUSR | S_IWUSR));
-    // A killed daemon leaves its socket file behind.
+    // A killed daemon leaves its socket file.
     static_cast<void>(unlink(controlSocketPath));
     if (bind(socket, asSocketAddress(address), sizeof address) == 0)
         return true;
     const std::string reason = errorText(errno);
     report(LOG_ERR, "Cannot bind socket to %s (%s).", controlSocketPath, reason.c_str());
+    // The newline before the full stop stays: others match this text.
     std::printf("Cannot bind socket to %s (%s)\n.", controlSocketPath, reason.c_str());
     std::fflush(stdout);
     return false;
@@ -82,8 +88,8 @@ void Server::acceptLoop() {
         if (listenSocket_ < 0)
             break;
         if (ready == 1 && !acceptClient(socket)) {
-            // Closed, unless the destructor has taken it: whoever is queued, or waits in connect()
-            // for a place in the queue, is refused now rather than kept for ever.
+            // Closed, unless the destructor has taken it: clients in the queue, or in connect()
+            // for a place in it, are refused now rather than kept for ever.
             const FileDescriptor closing(listenSocket_.exchange(-1));
             break;
         }
@@ -114,6 +120,27 @@ std::string Server::startClientThread(int socket) {
         clients_.erase(socket);
         static_cast<void>(close(socket));
         return error.what();
+    }
+}
+
+void Server::handleClient(int socket) {
+    Connection connection(socket);
+    try {
+        serveClient(connection, *logger_);
+    } catch (const std::exception& error) {
+        report(LOG_ERR, "Cannot serve client (%s).", error.what());
+    }
+    deregister(connection);
+}
+
+void Server::deregister(Connection& connection) {
+    const int socket = connection.socket();
+    const std::lock_guard<std::mutex> held(clientsMutex_);
+    connection.close();
+    const auto entry = clients_.find(socket);
+    if (entry != clients_.end()) {
+        entry->second->detach();
+        clients_.erase(entry);
     }
 }
 

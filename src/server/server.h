@@ -7,19 +7,18 @@
 #include <string>
 #include <thread>
 
-#include "logger/logger.h"
-#include "server/connection.h"
-#include "server/request.h"
-
 namespace qwk {
+
+class Connection;
+class Logger;
 
 /// The control socket: accepts clients on a thread of its own and serves each on a further one.
 /// Those threads are detached; the registry and acceptThread_ tell the destructor when they have
 /// ended.
 class Server {
 public:
-    /// Binds the control socket and starts to accept. What fails is reported; the server then
-    /// serves no clients. `logger` is not owned and outlives the server.
+    /// Binds the control socket and starts to accept. A failure is reported; the server then serves
+    /// no clients. `logger` is not owned and outlives the server.
     explicit Server(Logger* logger);
     /// Ends every connection and waits until every thread has ended.
     virtual ~Server();
@@ -36,17 +35,12 @@ private:
     void acceptLoop();
     /// False when no further client can be accepted.
     bool acceptClient(int listenSocket);
-    /// Empty, or what failed; the socket is closed then.
+    /// Empty, or the system's text for the failure; the socket is closed then.
     std::string startClientThread(int socket);
     void finishAcceptThread();
 
     /// A client thread: serves one request, then closes and deregisters `socket`.
     void handleClient(int socket);
-    void serve(Connection& connection);
-    /// Carries out the request; returns the answer text, which may be empty.
-    const char* carryOut(const Request& request, Connection& connection);
-    const char* useEeprom(Action action, Connection& connection);
-    void deliver(const Request& request, int socket);
     /// Closes the connection and removes its entry, so that its number is never both free and
     /// registered.
     void deregister(Connection& connection);
@@ -57,8 +51,8 @@ private:
     void wakeStreams();
     void waitForClients();
 
-    /// The listening descriptor; -1 when there is none. Whoever takes it out closes it: the
-    /// destructor, or the accept thread when it can accept no more.
+    /// The listening descriptor; -1 when there is none. It is closed by the thread that takes it
+    /// out: the destructor's, or the accept thread when it can accept no more.
     std::atomic<int> listenSocket_{-1};
     /// Null while no accept thread runs. Set with clientsMutex_ held, so that the thread cannot
     /// clear it before it is set; owned and deleted by the accept thread.

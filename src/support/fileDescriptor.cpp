@@ -1,6 +1,7 @@
 #include "support/fileDescriptor.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 
@@ -30,6 +31,19 @@ FileDescriptor openForReading(const char* path) {
 
 ssize_t readSome(int descriptor, void* buffer, std::size_t length) {
     return retryOnInterrupt([&] { return read(descriptor, buffer, length); });
+}
+
+int sendAll(int socket, const char* bytes, std::size_t length) {
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t sent =
+            retryOnInterrupt([&] { return send(socket, bytes + done, length - done, 0); });
+        if (sent < 0)
+            return -1;
+        if (sent == 0)
+            break;
+        done += static_cast<std::size_t>(sent);
+    }
+    return 0;
 }
 
 } // namespace qwk

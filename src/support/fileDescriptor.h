@@ -45,4 +45,8 @@ FileDescriptor openForReading(const char* path);
 /// Reads up to `length` bytes; 0 at the end of the file, -1 on failure (errno tells).
 ssize_t readSome(int descriptor, void* buffer, std::size_t length);
 
+/// Sends all of the bytes to a blocking socket. A call that takes none ends the sending without an
+/// error. Returns 0, or -1 on failure (errno tells).
+int sendAll(int socket, const char* bytes, std::size_t length);
+
 } // namespace qwk

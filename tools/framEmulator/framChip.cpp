@@ -6,23 +6,23 @@ namespace framEmulator {
 
 namespace {
 
-constexpr size_t addressBytes = 2;
+constexpr std::size_t addressBytes = 2;
 
-uint16_t wrapped(size_t address) {
-    return static_cast<uint16_t>(address % chipSize);
+std::uint16_t wrapped(std::size_t address) {
+    return static_cast<std::uint16_t>(address % chipSize);
 }
 
 } // namespace
 
-Transfer FramChip::write(const uint8_t* data, size_t length, uint64_t opener) {
+Transfer FramChip::write(const std::uint8_t* data, std::size_t length, std::uint64_t opener) {
     const std::lock_guard lock(mutex_);
     Transfer transfer{TransferKind::write, counter_, length, 0, 0, opener};
     if (length >= addressBytes)
-        transfer.address = wrapped(static_cast<size_t>(data[0]) << 8 | data[1]);
+        transfer.address = wrapped(static_cast<std::size_t>(data[0]) << 8 | data[1]);
 
     Plan plan = planTransfer(length);
-    uint8_t overwritten = 0;
-    for (size_t i = 0; i < plan.bytes; ++i) {
+    std::uint8_t overwritten = 0;
+    for (std::size_t i = 0; i < plan.bytes; ++i) {
         overwritten = memory_[counter_];
         acceptByte(i, data[i]);
     }
@@ -36,11 +36,11 @@ Transfer FramChip::write(const uint8_t* data, size_t length, uint64_t opener) {
     return transfer;
 }
 
-Transfer FramChip::read(uint8_t* data, size_t length, uint64_t opener) {
+Transfer FramChip::read(std::uint8_t* data, std::size_t length, std::uint64_t opener) {
     const std::lock_guard lock(mutex_);
     Transfer transfer{TransferKind::read, counter_, length, 0, 0, opener};
     const Plan plan = planTransfer(length);
-    for (size_t i = 0; i < plan.bytes; ++i) {
+    for (std::size_t i = 0; i < plan.bytes; ++i) {
         data[i] = memory_[counter_];
         counter_ = wrapped(counter_ + 1U);
     }
@@ -48,8 +48,8 @@ Transfer FramChip::read(uint8_t* data, size_t length, uint64_t opener) {
     return transfer;
 }
 
-FramChip::Plan FramChip::planTransfer(size_t length) {
-    const uint64_t number = ++transfersEver_;
+FramChip::Plan FramChip::planTransfer(std::size_t length) {
+    const std::uint64_t number = ++transfersEver_;
     if (!answers(number))
         return {0, -EREMOTEIO, false};
     Plan plan{length, 0, false};
@@ -61,34 +61,34 @@ FramChip::Plan FramChip::planTransfer(size_t length) {
     return plan;
 }
 
-bool FramChip::answers(uint64_t number) const {
+bool FramChip::answers(std::uint64_t number) const {
     return powered_ && failures_.count(number) == 0 && (!failFrom_ || number < *failFrom_);
 }
 
 void FramChip::limitByPower(Plan& plan) {
     if (plan.bytes > powerCut_->bytesLeft) {
-        plan.bytes = static_cast<size_t>(powerCut_->bytesLeft);
+        plan.bytes = static_cast<std::size_t>(powerCut_->bytesLeft);
         plan.result = -EREMOTEIO;
     }
     powerCut_->bytesLeft -= plan.bytes;
     plan.losesPower = powerCut_->bytesLeft == 0;
 }
 
-void FramChip::acceptByte(size_t index, uint8_t value) {
+void FramChip::acceptByte(std::size_t index, std::uint8_t value) {
     if (index == 0) {
-        counter_ = wrapped(static_cast<size_t>(value) << 8 | (counter_ & 0xffU));
+        counter_ = wrapped(static_cast<std::size_t>(value) << 8 | (counter_ & 0xFFU));
     } else if (index == 1) {
-        counter_ = wrapped((counter_ & 0xff00U) | value);
+        counter_ = wrapped((counter_ & 0xFF00U) | value);
     } else {
         memory_[counter_] = value;
         counter_ = wrapped(counter_ + 1U);
     }
 }
 
-uint8_t FramChip::tornValue(uint8_t overwritten) {
+std::uint8_t FramChip::tornValue(std::uint8_t overwritten) {
     return powerCut_->torn == TornByte::oldValue
                ? overwritten
-               : static_cast<uint8_t>(powerCut_->random() & 0xffU);
+               : static_cast<std::uint8_t>(powerCut_->random() & 0xFFU);
 }
 
 void FramChip::finish(Transfer& transfer, const Plan& plan) {
@@ -114,22 +114,22 @@ void FramChip::setImage(const Image& image) {
     memory_ = image;
 }
 
-void FramChip::failTransfer(uint64_t number) {
+void FramChip::failTransfer(std::uint64_t number) {
     const std::lock_guard lock(mutex_);
     failures_.insert(transfersEver_ + number);
 }
 
-void FramChip::failFrom(uint64_t number) {
+void FramChip::failFrom(std::uint64_t number) {
     const std::lock_guard lock(mutex_);
     failFrom_ = transfersEver_ + number;
 }
 
-void FramChip::cutTransfer(uint64_t number, size_t bytes) {
+void FramChip::cutTransfer(std::uint64_t number, std::size_t bytes) {
     const std::lock_guard lock(mutex_);
     cuts_[transfersEver_ + number] = bytes;
 }
 
-void FramChip::cutPowerAfter(uint64_t bytes, TornByte torn, uint32_t seed) {
+void FramChip::cutPowerAfter(std::uint64_t bytes, TornByte torn, std::uint32_t seed) {
     const std::lock_guard lock(mutex_);
     if (bytes == 0)
         powered_ = false;
@@ -180,12 +180,12 @@ void FramChip::clearRecord() {
     wireBytes_ = 0;
 }
 
-uint64_t FramChip::transferCount() const {
+std::uint64_t FramChip::transferCount() const {
     const std::lock_guard lock(mutex_);
     return transferCount_;
 }
 
-uint64_t FramChip::wireBytes() const {
+std::uint64_t FramChip::wireBytes() const {
     const std::lock_guard lock(mutex_);
     return wireBytes_;
 }

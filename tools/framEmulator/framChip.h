@@ -14,9 +14,9 @@
 
 namespace framEmulator {
 
-constexpr size_t chipSize = 8192; // bytes
+constexpr std::size_t chipSize = 8192; // bytes
 
-using Image = std::array<uint8_t, chipSize>;
+using Image = std::array<std::uint8_t, chipSize>;
 
 enum class TransferKind { read, write };
 
@@ -24,14 +24,14 @@ struct Transfer {
     TransferKind kind = TransferKind::read;
     /// Where the data starts: the address a write names, or the address counter if the transfer is
     /// a read or a write of fewer than two bytes.
-    uint16_t address = 0;
-    size_t requested = 0;   ///< bytes, a write's two address bytes included
-    size_t transferred = 0; ///< bytes that took effect, even if the transfer failed in the end
-    int result = 0;         ///< what the bus master learns: transferred bytes or a negative errno
-    uint64_t opener = 0;    ///< as given by the caller, see FramChip::newOpener()
+    std::uint16_t address = 0;
+    std::size_t requested = 0;   ///< bytes, a write's two address bytes included
+    std::size_t transferred = 0; ///< bytes that took effect, even if the transfer failed in the end
+    int result = 0;              ///< seen by the bus master: transferred bytes or a negative errno
+    std::uint64_t opener = 0;    ///< as given by the caller, see FramChip::newOpener()
 };
 
-/// What the last stored byte holds when power was lost while it was written.
+/// The value of the last stored byte when power was lost while it was written.
 enum class TornByte { newValue, oldValue, randomBits };
 
 /// An 8 KiB FRAM chip as seen over its bus, with faults on demand.
@@ -50,9 +50,9 @@ public:
 
     /// The first byte sets the upper and the second the lower half of the address counter (modulo
     /// the chip's size), further bytes are stored from there on. A lone byte sets the upper half.
-    Transfer write(const uint8_t* data, size_t length, uint64_t opener = 0);
+    Transfer write(const std::uint8_t* data, std::size_t length, std::uint64_t opener = 0);
     /// Fills `data` from the address counter on; only `transferred` bytes of it are touched.
-    Transfer read(uint8_t* data, size_t length, uint64_t opener = 0);
+    Transfer read(std::uint8_t* data, std::size_t length, std::uint64_t opener = 0);
 
     /// The memory itself, past the bus: no fault applies and nothing is counted.
     Image image() const;
@@ -61,15 +61,16 @@ public:
     // Transfers are numbered from 1, which is the next one after the call that sets the fault.
 
     /// The chip does not answer that one transfer. Can be called for several.
-    void failTransfer(uint64_t number);
+    void failTransfer(std::uint64_t number);
     /// The chip answers neither that transfer nor any later one, until clearFaults().
-    void failFrom(uint64_t number);
+    void failFrom(std::uint64_t number);
     /// The chip takes or gives at most `bytes` bytes of that transfer, which succeeds with these.
-    void cutTransfer(uint64_t number, size_t bytes);
+    void cutTransfer(std::uint64_t number, std::size_t bytes);
     /// Power is lost after `bytes` more bytes on the wire, read or written, a write's address bytes
     /// included; 0 means at once. A transfer that ends with the last such byte still succeeds,
     /// unless that byte was stored torn; otherwise it fails, as all do until powerOn().
-    void cutPowerAfter(uint64_t bytes, TornByte torn = TornByte::newValue, uint32_t seed = 1);
+    void cutPowerAfter(std::uint64_t bytes, TornByte torn = TornByte::newValue,
+                       std::uint32_t seed = 1);
     /// Ends a power cut, or disarms one to come; after a cut the address counter is 0.
     void powerOn();
     bool isPowered() const;
@@ -81,55 +82,56 @@ public:
     /// 0, or the errno with which opens are refused.
     int openRefusal() const { return openRefusal_; }
     /// A number that no other opener of this chip has; never 0.
-    uint64_t newOpener() { return ++openers_; }
+    std::uint64_t newOpener() { return ++openers_; }
 
     /// Whether transfers are kept in the record, which has no bound; they are from the start.
     void setRecording(bool on);
     std::vector<Transfer> record() const;
     /// Also sets the two counters to 0; the numbering of faults does not change.
     void clearRecord();
-    uint64_t transferCount() const;
+    std::uint64_t transferCount() const;
     /// Bytes on the wire that took effect, a write's address bytes included.
-    uint64_t wireBytes() const;
+    std::uint64_t wireBytes() const;
 
 private:
     struct PowerCut {
-        uint64_t bytesLeft;
+        std::uint64_t bytesLeft;
         TornByte torn;
         std::mt19937 random;
     };
     struct Plan {
-        size_t bytes;    // that take effect
-        int result;      // unless the last byte turns out torn
-        bool losesPower; // right after them
+        std::size_t bytes; // that take effect
+        int result;        // unless the last byte turns out torn
+        bool losesPower;   // right after them
     };
 
     // All of these need mutex_ held.
-    Plan planTransfer(size_t length);
-    bool answers(uint64_t number) const;
+    Plan planTransfer(std::size_t length);
+    bool answers(std::uint64_t number) const;
     void limitByPower(Plan& plan);
-    void acceptByte(size_t index, uint8_t value);
-    uint8_t tornValue(uint8_t overwritten);
+    void acceptByte(std::size_t index, std::uint8_t value);
+    std::uint8_t tornValue(std::uint8_t overwritten);
     void finish(Transfer& transfer, const Plan& plan);
 
     Image ownMemory_{};
     std::atomic<int> openRefusal_{0};
-    std::atomic<uint64_t> openers_{0};
+    std::atomic<std::uint64_t> openers_{0};
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.
     Image& memory_;
-    uint16_t counter_ = 0; // below chipSize
+    std::uint16_t counter_ = 0; // below chipSize
     bool powered_ = true;
-    uint64_t transfersEver_ = 0;
-    std::map<uint64_t, size_t> cuts_; // by transfer number since the start: bytes it may carry
-    std::set<uint64_t> failures_;     // transfer numbers since the start
-    std::optional<uint64_t> failFrom_;
+    std::uint64_t transfersEver_ = 0;
+    // By transfer number since the start: the bytes that it may carry, and those that fail.
+    std::map<std::uint64_t, std::size_t> cuts_;
+    std::set<std::uint64_t> failures_;
+    std::optional<std::uint64_t> failFrom_;
     std::optional<PowerCut> powerCut_;
     bool recording_ = true;
     std::vector<Transfer> record_;
-    uint64_t transferCount_ = 0;
-    uint64_t wireBytes_ = 0;
+    std::uint64_t transferCount_ = 0;
+    std::uint64_t wireBytes_ = 0;
 };
 
 } // namespace framEmulator

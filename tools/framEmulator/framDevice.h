@@ -1,8 +1,5 @@
 #pragma once
 
-#include "framEmulator/framChip.h"
-#include "support/fileDescriptor.h"
-
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -10,15 +7,18 @@
 #include <string>
 #include <thread>
 
+#include "framEmulator/framChip.h"
+#include "support/fileDescriptor.h"
+
 struct fuse_session;
 
 namespace framEmulator {
 
 struct DeviceOptions {
     /// 7-bit bus address at which the chip answers.
-    uint8_t slaveAddress = 0x50;
+    std::uint8_t slaveAddress = 0x50;
     /// Bus clock; each transfer lasts as long as its bits do at that speed. 0: no delay.
-    uint32_t clockHz = 0;
+    std::uint32_t clockHz = 0;
     /// Called on the serving thread after each transfer, before its result reaches the client, also
     /// for transfers to an address without a chip. Must not throw and not use the device.
     std::function<void(const Transfer&)> onTransfer;
@@ -27,7 +27,7 @@ struct DeviceOptions {
 /// A file that behaves like an I2C bus device with one chip on the bus, served through FUSE.
 ///
 /// Each read() or write() is one transfer of at most 8192 bytes; more are cut off, as the real
-/// device does. Each open of the file selects its own slave by ioctl I2C_SLAVE (EINVAL above 0x7f;
+/// device does. Each open of the file selects its own slave by ioctl I2C_SLAVE (EINVAL above 0x7F;
 /// other requests: ENOTTY). A transfer with no slave selected or to an address without a chip fails
 /// with ENXIO, one that the chip does not answer with EREMOTEIO.
 ///
@@ -76,8 +76,9 @@ private:
 
     void mount();
     void serve();
-    Transfer transfer(uint64_t opener, TransferKind kind, uint8_t* data, size_t length);
-    Transfer transferToNobody(uint64_t opener, TransferKind kind, size_t length) const;
+    Transfer transfer(std::uint64_t opener, TransferKind kind, std::uint8_t* data,
+                      std::size_t length);
+    Transfer transferToNobody(std::uint64_t opener, TransferKind kind, std::size_t length) const;
 
     // Constant after construction. The order is that of the set-up; destruction reverses it.
     FramChip& chip_;
@@ -87,7 +88,7 @@ private:
     std::unique_ptr<fuse_session, SessionEnd> session_;
 
     // Used by thread_ only.
-    std::map<uint64_t, uint8_t> selectedSlaves_; // by opener; 0 until one is selected
+    std::map<std::uint64_t, std::uint8_t> selectedSlaves_; // by opener; 0 until one is selected
 
     std::thread thread_;
 };

@@ -1,24 +1,26 @@
-#include "framEmulator/framChip.h"
-#include "framEmulator/framDevice.h"
-#include "support/fileDescriptor.h"
-
-#include <fcntl.h>
-#include <getopt.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fcntl.h>
+#include <getopt.h>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "framEmulator/failure.h"
+#include "framEmulator/framChip.h"
+#include "framEmulator/framDevice.h"
+#include "support/fileDescriptor.h"
 
 namespace {
 
@@ -49,10 +51,6 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-[[noreturn]] void failWithErrno(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
 unsigned long parseNumber(const char* option, const std::string& text, unsigned long max) {
     char* end = nullptr;
     errno = 0;
@@ -70,18 +68,18 @@ Settings parseCommandLine(int argc, char** argv) {
         {"clock", required_argument, nullptr, 'c'}, {"trace", required_argument, nullptr, 't'},
         {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
     Settings settings;
-    for (int found = 0; (found = ::getopt_long(argc, argv, "", longOptions, nullptr)) != -1;) {
+    for (int found = 0; (found = getopt_long(argc, argv, "", longOptions, nullptr)) != -1;) {
         switch (found) {
         case 'i':
             settings.image = optarg;
             break;
         case 'a':
             settings.deviceOptions.slaveAddress =
-                static_cast<uint8_t>(parseNumber("--address", optarg, 0x7f));
+                static_cast<std::uint8_t>(parseNumber("--address", optarg, 0x7F));
             break;
         case 'c':
             settings.deviceOptions.clockHz =
-                static_cast<uint32_t>(parseNumber("--clock", optarg, 10000000));
+                static_cast<std::uint32_t>(parseNumber("--clock", optarg, 10000000));
             break;
         case 't':
             settings.trace = optarg;
@@ -99,27 +97,27 @@ Settings parseCommandLine(int argc, char** argv) {
     return settings;
 }
 
-/// The chip's memory, mapped so that each stored byte is in the file at once: it survives even a
-/// SIGKILL of this process.
+// The chip's memory, mapped so that each stored byte is in the file at once: it survives even a
+// SIGKILL of this process.
 class ImageFile {
 public:
     explicit ImageFile(const std::string& path) {
         const FileDescriptor file = open(path);
         struct stat attributes {};
-        if (::fstat(file.get(), &attributes) != 0)
+        if (fstat(file.get(), &attributes) != 0)
             failWithErrno("Cannot examine the image " + path);
         if (attributes.st_size != static_cast<off_t>(chipSize)) {
             throw std::runtime_error("The image " + path + " has " +
                                      std::to_string(attributes.st_size) + " bytes instead of " +
                                      std::to_string(chipSize));
         }
-        mapping_ = ::mmap(nullptr, chipSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+        mapping_ = mmap(nullptr, chipSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
         if (mapping_ == MAP_FAILED)
             failWithErrno("Cannot map the image " + path);
     }
     ImageFile(const ImageFile&) = delete;
     ImageFile& operator=(const ImageFile&) = delete;
-    ~ImageFile() { ::munmap(mapping_, chipSize); }
+    ~ImageFile() { munmap(mapping_, chipSize); }
 
     Image& memory() { return *static_cast<Image*>(mapping_); }
 
@@ -129,7 +127,7 @@ private:
         if (!file.isOpen() && errno == ENOENT) {
             file =
                 FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-            if (file.isOpen() && ::ftruncate(file.get(), static_cast<off_t>(chipSize)) != 0)
+            if (file.isOpen() && ftruncate(file.get(), static_cast<off_t>(chipSize)) != 0)
                 failWithErrno("Cannot extend the new image " + path);
         }
         if (!file.isOpen())
@@ -158,21 +156,21 @@ public:
 
 private:
     struct Close {
-        void operator()(FILE* file) const { std::fclose(file); }
+        void operator()(std::FILE* file) const { std::fclose(file); }
     };
-    std::unique_ptr<FILE, Close> file_;
+    std::unique_ptr<std::FILE, Close> file_;
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 std::atomic<FramDevice*> servedDevice{nullptr};
 
-/// While it lives, the signals that end the program stop the device instead. They are held back
-/// before that, so that none can leave a mount behind.
+// While it lives, the signals that end the program stop the device instead. They are held back
+// before that, so that none can leave the file mounted.
 class StopOnSignals {
 public:
     static void holdBack() {
         const sigset_t signals = stopSignals();
-        ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     }
 
     explicit StopOnSignals(FramDevice& device) {
@@ -180,9 +178,9 @@ public:
         struct sigaction action {};
         action.sa_handler = [](int) { servedDevice.load()->stop(); };
         for (const int signal : stopSignalNumbers)
-            ::sigaction(signal, &action, nullptr);
+            sigaction(signal, &action, nullptr);
         const sigset_t signals = stopSignals();
-        ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
     StopOnSignals(const StopOnSignals&) = delete;
     StopOnSignals& operator=(const StopOnSignals&) = delete;
@@ -193,9 +191,9 @@ private:
 
     static sigset_t stopSignals() {
         sigset_t signals;
-        ::sigemptyset(&signals);
+        sigemptyset(&signals);
         for (const int signal : stopSignalNumbers)
-            ::sigaddset(&signals, signal);
+            sigaddset(&signals, signal);
         return signals;
     }
 };

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+
+namespace framEmulator {
+
+/// Throws the failure of the last system call, with a sentence that tells the user the consequence.
+[[noreturn]] inline void failWithErrno(const std::string& sentence) {
+    throw std::system_error(errno, std::generic_category(), sentence);
+}
+
+} // namespace framEmulator
