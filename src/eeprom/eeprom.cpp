@@ -27,7 +27,7 @@ void reportUnexpectedKey(const std::uint8_t* key) {
 
 } // namespace
 
-std::mutex Eeprom::chipMutex_;
+Mutex Eeprom::chipMutex_;
 
 Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs) {
     const std::int64_t interval = openRetryInterval.count();
@@ -51,13 +51,13 @@ Eeprom::Eeprom(const std::string& device, int slaveAddress, LogSink* sink)
     size = chipSize;
     // Also for a device that did not open: its headers cannot be read, so nothing is loaded.
     if (logSink != nullptr) {
-        const ChipLock chip(chipMutex_);
+        const Held<Mutex> chip(chipMutex_);
         load();
     }
 }
 
 void Eeprom::load() {
-    const SinkLock held(*logSink);
+    const Held<LogSink> held(*logSink);
     if (logSink->isCacheFilled())
         return;
     std::uint32_t end;
@@ -67,9 +67,10 @@ void Eeprom::load() {
         return;
     std::uint32_t loaded = 0;
     const bool complete =
-        walkEntries(end, nextId - count, loaded, [this](std::uint32_t id, const Entry& entry) {
-            logSink->addToCache(id, entry.priority, entry.time, entry.message);
-        });
+        walkEntries(end, nextId - count, loaded,
+                    [this](std::uint32_t id, const Entry& entry) QWK_REQUIRES(logSink) {
+                        logSink->addToCache(id, entry.priority, entry.time, entry.message);
+                    });
     if (complete)
         report(LOG_INFO, "%d log entries read from cache.", static_cast<int>(count));
     else
@@ -77,7 +78,7 @@ void Eeprom::load() {
 }
 
 void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std::string& message) {
-    const ChipLock chip(chipMutex_);
+    const Held<Mutex> chip(chipMutex_);
     std::uint32_t end = entryAreaStart;
     std::uint32_t count = 0;
     std::uint32_t nextId = 0;
@@ -98,7 +99,7 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
     // Shown to clients before it is in the chip: they see the entry even when the chip fails. No
     // flush comes in between, because the chip lock is held.
     if (logSink != nullptr) {
-        const SinkLock held(*logSink);
+        const Held<LogSink> held(*logSink);
         logSink->addToCache(nextId, priority, time, message);
     }
     // The record first, then copy 0: at a power cut the headers never cover half a record.
@@ -108,14 +109,14 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
 }
 
 int Eeprom::flush() {
-    const ChipLock chip(chipMutex_);
+    const Held<Mutex> chip(chipMutex_);
     return flushLocked();
 }
 
 int Eeprom::flushLocked() {
     if (logSink == nullptr)
         return -1;
-    SinkLock held(*logSink);
+    Held<LogSink> held(*logSink);
     // Before the headers are known to be good: the entries that the buffer shows either move to the
     // log file now, where clients find them, or are lost with the headers already.
     logSink->clearCache();
@@ -129,9 +130,10 @@ int Eeprom::flushLocked() {
         return 0;
     std::uint32_t written = 0;
     const bool complete =
-        walkEntries(end, nextId - count, written, [this](std::uint32_t id, const Entry& entry) {
-            logSink->sink(id, entry.priority, entry.time, entry.message);
-        });
+        walkEntries(end, nextId - count, written,
+                    [this](std::uint32_t id, const Entry& entry) QWK_REQUIRES(logSink) {
+                        logSink->sink(id, entry.priority, entry.time, entry.message);
+                    });
     // Returns with the lines on stable storage: only then may the chip let its entries go.
     held.unlock();
     if (!complete)
@@ -149,21 +151,27 @@ int Eeprom::resetHeaders(std::uint32_t nextId) {
 }
 
 int Eeprom::clear() {
-    const ChipLock chip(chipMutex_);
-    const SinkLock held = logSink != nullptr ? SinkLock(*logSink) : SinkLock();
+    const Held<Mutex> chip(chipMutex_);
+    if (logSink == nullptr)
+        return wipe();
+    const Held<LogSink> held(*logSink);
+    const int result = wipe();
+    logSink->clearCache();
+    return result;
+}
+
+int Eeprom::wipe() {
     std::fill_n(buffer.get(), chipSize, std::uint8_t{0});
-    const bool wiped = write(0, buffer.get(), chipSize) == int{chipSize};
-    if (!wiped)
-        report(LOG_ERR, "Clearing of FRAM failed.");
-    if (logSink != nullptr)
-        logSink->clearCache();
-    return wiped ? 0 : -1;
+    if (write(0, buffer.get(), chipSize) == int{chipSize})
+        return 0;
+    report(LOG_ERR, "Clearing of FRAM failed.");
+    return -1;
 }
 
 int Eeprom::hexDump(std::FILE* out) {
     Image image;
     {
-        const ChipLock chip(chipMutex_);
+        const Held<Mutex> chip(chipMutex_);
         if (readImage(image) != 0)
             return -1;
     }

@@ -3,12 +3,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "boardSupport/eepromBase.h"
 #include "eeprom/framLayout.h"
 #include "logger/logSink.h"
+#include "support/threadSafety.h"
 
 namespace qwk {
 
@@ -48,36 +48,37 @@ public:
     int hexDump(std::FILE* out);
 
 private:
-    using ChipLock = std::lock_guard<std::mutex>;
-    using SinkLock = std::unique_lock<LogSink>;
+    static Mutex chipMutex_;
 
-    // All below: the caller holds the chip lock.
-    void load();
-    int flushLocked();
-    int resetHeaders(std::uint32_t nextId);
+    void load() QWK_REQUIRES(chipMutex_);
+    int flushLocked() QWK_REQUIRES(chipMutex_);
+    int resetHeaders(std::uint32_t nextId) QWK_REQUIRES(chipMutex_);
+    /// Writes zeros over the chip; 0 or -1.
+    int wipe() QWK_REQUIRES(chipMutex_);
 
     /// Reads the record at `address` into `buffer`; 0, or -1 when its length is impossible or a
     /// transfer fails.
-    int readKlv(std::uint32_t address);
+    int readKlv(std::uint32_t address) QWK_REQUIRES(chipMutex_);
     /// 0 and the values of header copy 0 or 1 when that copy is valid, else -1.
-    int checkHeader(int copy, framLayout::Header& header);
-    /// 0 and the cache's state when a header copy is valid (the other one is repaired), else
-    /// -1.
-    int readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t& nextId);
-    int writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId);
+    int checkHeader(int copy, framLayout::Header& header) QWK_REQUIRES(chipMutex_);
+    /// 0 and the cache's state when a header copy is valid (the other one is repaired), else -1.
+    int readHeaders(std::uint32_t& end, std::uint32_t& count, std::uint32_t& nextId)
+        QWK_REQUIRES(chipMutex_);
+    int writeHeader(int copy, std::uint32_t end, std::uint32_t count, std::uint32_t nextId)
+        QWK_REQUIRES(chipMutex_);
     /// Copy 0 and, only when that succeeded, copy 1; 0 or -1.
-    int writeHeaders(const framLayout::Header& header);
+    int writeHeaders(const framLayout::Header& header) QWK_REQUIRES(chipMutex_);
     /// 0 with `entry` and the record's `length`, or -1 when there is no usable entry there.
-    int readLogEntry(std::uint32_t address, framLayout::Entry& entry, std::uint32_t& length);
+    int readLogEntry(std::uint32_t address, framLayout::Entry& entry, std::uint32_t& length)
+        QWK_REQUIRES(chipMutex_);
     int writeLogEntry(std::uint32_t address, std::int32_t priority, const std::uint64_t& time,
-                      const std::string& message);
+                      const std::string& message) QWK_REQUIRES(chipMutex_);
 
     /// Calls visit(sequence number, entry) for each record; `visited` counts them. True when the
     /// chain of records ends exactly at `end`.
     template<typename Visit>
-    bool walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited, Visit visit);
-
-    static std::mutex chipMutex_;
+    bool walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited, Visit visit)
+        QWK_REQUIRES(chipMutex_, logSink);
 
     LogSink* const logSink;
     /// One record and a NUL after it, or the zeros of a clear.

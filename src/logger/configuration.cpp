@@ -1,7 +1,5 @@
 // The daemon's settings: the part of Logger that reads them.
 
-#include <algorithm>
-#include <cstdlib>
 #include <limits>
 #include <sstream>
 
@@ -12,6 +10,7 @@
 
 #include "logger/logger.h"
 #include "support/diagnostics.h"
+#include "support/numbers.h"
 #include "support/paths.h"
 
 namespace qwk {
@@ -29,19 +28,13 @@ std::string decimal(std::int32_t number) {
     return text.str();
 }
 
-// As strtol does where long has 32 bits, so that a file means the same on every machine.
-std::int32_t saturated(long number) {
-    using Limits = std::numeric_limits<std::int32_t>;
-    return static_cast<std::int32_t>(std::clamp<long>(number, Limits::min(), Limits::max()));
-}
-
 // The value of `key` when it is a whole number within the range; otherwise the default, which is
 // reported when a value was there.
 std::int32_t readSetting(const Properties& properties, const char* key, std::int32_t defaultValue,
                          std::int32_t lowest, std::int32_t highest) {
     const std::string text = properties.getProperty(key, decimal(defaultValue));
-    char* end = nullptr;
-    const std::int32_t value = saturated(std::strtol(text.c_str(), &end, 10));
+    const char* end = nullptr;
+    const std::int32_t value = parseDecimal(text.c_str(), end);
     if (*end == '\0' && value >= lowest && value <= highest)
         return value;
     report(LOG_WARNING, "%s in \"%s\" invalid. Using %d.", key, configurationPath, defaultValue);

@@ -59,6 +59,8 @@ int Logger::sendFile(SendState& state, int off, const std::string& name, bool& w
     {
         const FileDescriptor file = openForReading(name.c_str());
         const auto start = static_cast<off_t>(static_cast<std::uint32_t>(off));
+        // Above 0, not from 0 on: descriptor 0 counts as a failure, and the daemon keeps it
+        // occupied.
         good = file.get() > 0 && (off == 0 || ::lseek(file.get(), start, SEEK_SET) == start);
         while (good && !wouldBlock) {
             const ssize_t got =

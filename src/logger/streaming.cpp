@@ -111,8 +111,8 @@ void Logger::Stream::followLog() {
 
 bool Logger::Stream::waitForEntry() {
     std::unique_lock<std::mutex> held(logger_.mutex_);
-    logger_.cacheChanged_.wait(
-        held, [this] { return logger_.entriesAdded_ != entriesSeen_ || logger_.streamsEnding_; });
+    while (logger_.entriesAdded_ == entriesSeen_ && !logger_.streamsEnding_)
+        logger_.cacheChanged_.wait(held);
     // A stream that has sent nothing has no line to go on from: it starts with the newest entry.
     if (state_.count_total == 0)
         state_.id = logger_.lastId_;

@@ -65,7 +65,7 @@ bool Server::bindSocket(int socket) {
 void Server::startAcceptThread() {
     std::string failure;
     {
-        const std::lock_guard<std::mutex> held(clientsMutex_);
+        const Held<Mutex> held(clientsMutex_);
         try {
             acceptThread_ = std::make_unique<std::thread>(&Server::acceptLoop, this).release();
         } catch (const std::exception& error) {
@@ -111,7 +111,7 @@ bool Server::acceptClient(int listenSocket) {
 
 std::string Server::startClientThread(int socket) {
     // Held over the start: the new thread finds its entry however soon it ends.
-    const std::lock_guard<std::mutex> held(clientsMutex_);
+    const Held<Mutex> held(clientsMutex_);
     try {
         const auto entry = clients_.emplace(socket, nullptr).first;
         entry->second = std::make_unique<std::thread>(&Server::handleClient, this, socket);
@@ -135,7 +135,7 @@ void Server::handleClient(int socket) {
 
 void Server::deregister(Connection& connection) {
     const int socket = connection.socket();
-    const std::lock_guard<std::mutex> held(clientsMutex_);
+    const Held<Mutex> held(clientsMutex_);
     connection.close();
     const auto entry = clients_.find(socket);
     if (entry != clients_.end()) {
@@ -146,7 +146,7 @@ void Server::deregister(Connection& connection) {
 
 void Server::finishAcceptThread() {
     // The destructor takes this lock once more before it ends, so nothing here outlives the server.
-    const std::lock_guard<std::mutex> held(clientsMutex_);
+    const Held<Mutex> held(clientsMutex_);
     {
         const std::unique_ptr<std::thread> self(acceptThread_.load());
         self->detach();
@@ -173,13 +173,13 @@ void Server::stopAccepting() {
 }
 
 void Server::endConnections() {
-    const std::lock_guard<std::mutex> held(clientsMutex_);
+    const Held<Mutex> held(clientsMutex_);
     for (const auto& client : clients_)
         static_cast<void>(shutdown(client.first, SHUT_RDWR)); // its thread closes the descriptor
 }
 
 void Server::wakeStreams() {
-    const std::lock_guard<LogSink> held(*logger_);
+    const Held<Logger> held(*logger_);
     logger_->endStreams();
     logger_->addToCache(0, 0, 0, "");
 }
@@ -187,7 +187,7 @@ void Server::wakeStreams() {
 void Server::waitForClients() {
     for (;;) {
         {
-            const std::lock_guard<std::mutex> held(clientsMutex_);
+            const Held<Mutex> held(clientsMutex_);
             if (clients_.empty())
                 return;
         }

@@ -3,9 +3,10 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "support/threadSafety.h"
 
 namespace qwk {
 
@@ -57,10 +58,10 @@ private:
     /// Null while no accept thread runs. Set with clientsMutex_ held, so that the thread cannot
     /// clear it before it is set; owned and deleted by the accept thread.
     std::atomic<std::thread*> acceptThread_{nullptr};
-    /// The threads that serve clients, by descriptor; guarded by clientsMutex_.
-    std::map<int, std::unique_ptr<std::thread>> clients_;
+    /// The threads that serve clients, by descriptor.
+    std::map<int, std::unique_ptr<std::thread>> clients_ QWK_GUARDED_BY(clientsMutex_);
     /// A leaf lock: nothing waits and no other lock is taken while it is held.
-    std::mutex clientsMutex_;
+    Mutex clientsMutex_;
     Logger* const logger_;
 };
 

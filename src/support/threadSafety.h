@@ -40,13 +40,22 @@ template<typename Lockable>
 class QWK_THREAD_SAFETY(scoped_lockable) Held {
 public:
     explicit Held(Lockable& lock) QWK_ACQUIRES(lock) : lock_(lock) { lock_.lock(); }
-    ~Held() QWK_RELEASES() { lock_.unlock(); }
+    ~Held() QWK_RELEASES() {
+        if (held_)
+            lock_.unlock();
+    }
 
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
 
+    void unlock() QWK_RELEASES() {
+        held_ = false;
+        lock_.unlock();
+    }
+
 private:
     Lockable& lock_;
+    bool held_ = true;
 };
 
 } // namespace qwk
