@@ -19,6 +19,21 @@ asRoot() {
     fi
 }
 
+# Another apt may be at work, on a fresh machine often for minutes. apt-get itself waits only for
+# the lock of the installed packages, not for that of the lists.
+updatePackageLists() {
+    local lock=/var/lib/apt/lists/lock end=$((SECONDS + 600))
+    while [[ -e $lock ]] && grep -q ":$(stat -c %i "$lock") " /proc/locks && ((SECONDS < end)); do
+        sleep 1
+    done
+    asRoot apt-get update -q
+}
+
+installPackages() {
+    asRoot env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+        -o DPkg::Lock::Timeout=600 "$@" </dev/null
+}
+
 # Runs a command as the user at the keyboard, also under `sudo ./run`: build files stay theirs.
 asUser() {
     if ((EUID == 0)) && ((${SUDO_UID:-0} != 0)); then

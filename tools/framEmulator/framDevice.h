@@ -9,6 +9,7 @@
 
 #include "framEmulator/framChip.h"
 #include "support/fileDescriptor.h"
+#include "support/paths.h"
 
 struct fuse_session;
 
@@ -16,7 +17,7 @@ namespace framEmulator {
 
 struct DeviceOptions {
     /// 7-bit bus address at which the chip answers.
-    std::uint8_t slaveAddress = 0x50;
+    std::uint8_t slaveAddress = qwk::eepromSlaveAddress;
     /// Bus clock; each transfer lasts as long as its bits do at that speed. 0: no delay.
     std::uint32_t clockHz = 0;
     /// Called on the serving thread after each transfer, before its result reaches the client, also

@@ -33,7 +33,7 @@ constexpr const char* usageText =
     "SIGINT or SIGHUP.\n"
     "\n"
     "  --image FILE    keep the chip's bytes in FILE, created if missing (default: memory)\n"
-    "  --address ADDR  7-bit bus address of the chip (default: 0x50)\n"
+    "  --address ADDR  7-bit bus address of the chip (default: the board's)\n"
     "  --clock HZ      let transfers take their time at that bus clock (default: no delay)\n"
     "  --trace FILE    write one line per transfer to FILE: seconds since the start,\n"
     "                  R or W, address, bytes requested, bytes transferred, result\n"
