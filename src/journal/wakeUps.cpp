@@ -172,16 +172,15 @@ void WakeUps::sitOutFlood() {
 }
 
 int WakeUps::drain(const Source& source, short events) {
-    const bool isHungUp = (events & (POLLHUP | POLLRDHUP)) != 0;
-    const bool isFaulty = (events & (POLLHUP | POLLERR)) != 0;
+    const bool isEnding = (events & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
     for (int hints = 0; hints < floodSize;) {
         char thrownAway[bufferSize];
         const ssize_t length = readSome(source.descriptor.get(), thrownAway, sizeof thrownAway);
         // EPIPE: the kernel's log has overwritten records before they were read.
-        if (length > 0 || (length == 0 && source.isDatagramSocket && !isHungUp) ||
+        if (length > 0 || (length == 0 && source.isDatagramSocket && !isEnding) ||
             (length < 0 && errno == EPIPE)) {
             ++hints;
-        } else if (length < 0 && errno == EAGAIN && (hints > 0 || !isFaulty)) {
+        } else if (length < 0 && errno == EAGAIN && (hints > 0 || !isEnding)) {
             return hints;
         } else {
             // Polling it again would return at once, and for ever.

@@ -64,7 +64,7 @@ Journald::Journald() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) 
     fs::create_directories("/run/systemd/journald.conf.d");
     writeFile("/run/systemd/journald.conf.d/zzz.conf",
               "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nRateLimitBurst=0\n"
-              "ForwardToSyslog=no\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
+              "ForwardToSyslog=yes\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
               "ReadKMsg=no\nAudit=no\n");
     daemon_ = std::make_unique<ChildProcess>(
         "/usr/bin/env",

@@ -14,8 +14,9 @@ namespace testSupport {
 void writeJournal(const std::vector<std::string>& entries);
 
 // The real journal daemon, with its sockets, serving the runtime journal of the sandbox. It stores
-// nothing elsewhere, limits no rate and reads no kernel messages. What it has stored remains when
-// it ends. One at a time.
+// nothing elsewhere, limits no rate and reads no kernel messages. It forwards messages to a socket
+// at /run/systemd/journal/syslog if there is one. What it has stored remains when it ends. One at a
+// time.
 class Journald {
 public:
     // Returns when the daemon accepts entries. Throws std::runtime_error.
