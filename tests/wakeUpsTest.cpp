@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
-#include <sched.h>
 #include <sstream>
 #include <thread>
 
@@ -33,23 +32,6 @@ namespace {
 
 sockaddr_un forwardingAddress() {
     return {AF_UNIX, "/run/systemd/journal/syslog"};
-}
-
-// The socket to which journald forwards, with the queue that it has on a system booted by systemd.
-// The length is that of the network namespace at the socket's birth.
-Descriptor makeForwardingSocket() {
-    return std::async(
-               std::launch::async,
-               [] {
-                   EXPECT_EQ(unshare(CLONE_NEWNET), 0);
-                   writeFile("/proc/sys/net/unix/max_dgram_qlen", "512\n");
-                   Descriptor made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-                   const sockaddr_un address = forwardingAddress();
-                   unlink(address.sun_path);
-                   EXPECT_EQ(bind(made.get(), qwk::asSocketAddress(address), sizeof address), 0);
-                   return made;
-               })
-        .get();
 }
 
 void sendTo(const Descriptor& sender, const std::string& datagram) {

@@ -26,10 +26,13 @@ constexpr std::chrono::milliseconds longestWait = 500ms;
 // The largest record of the kernel's log; a shorter read of it fails.
 constexpr std::size_t bufferSize = 8192;
 
-// More than this at once is a flood. While one lasts, the thread rests for a moment after each such
-// number, or it would take a processor for itself.
-constexpr int floodSize = 64;
-constexpr int floodPauseMs = 10;
+// So many hints in so short a time are a flood. The thread then rests, for longer and longer while
+// it lasts: the sender would fill the queue as soon as the thread does not get the processor for a
+// few milliseconds, and reading all of it would take the processor from others.
+constexpr int floodSize = 32;
+constexpr std::chrono::milliseconds floodPeriod = 10ms;
+constexpr std::chrono::milliseconds firstRest = 10ms;
+constexpr std::chrono::milliseconds longestRest = 80ms;
 
 // For an unknown number of entries: more than come before the journal is quiet again.
 constexpr std::uint64_t untilQuiet = 1U << 20U;
@@ -43,8 +46,8 @@ FileDescriptor makeEventDescriptor() {
     return FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 }
 
-// Behind a closed gate the kernel throws every datagram away for a sender that notices nothing: the
-// queue cannot fill up, and nobody has to read it.
+// While the gate is closed the kernel throws every datagram away, and the sender does not notice:
+// the queue cannot fill up, and nobody has to read it.
 bool closeGate(const FileDescriptor& socket) {
     sock_filter nothing{BPF_RET | BPF_K, 0, 0, 0};
     const sock_fprog program{1, &nothing};
@@ -66,6 +69,37 @@ void addTo(const FileDescriptor& eventDescriptor, std::uint64_t count) {
 void reportDropped(const FileDescriptor& source, const std::string& reason) {
     report(LOG_WARNING, "Dropped wake-up descriptor %d: %s", source.get(), reason.c_str());
 }
+
+// Tells whether there is a flood, and how long to rest.
+class FloodMeter {
+public:
+    bool isFlood(int hints) {
+        const Clock::time_point now = Clock::now();
+        if (now - start_ > floodPeriod) {
+            begin(now);
+            rest_ = firstRest;
+        }
+        hints_ += hints;
+        return hints_ >= floodSize;
+    }
+    std::chrono::milliseconds rest() const { return rest_; }
+    void rested() {
+        begin(Clock::now());
+        rest_ = std::min(2 * rest_, longestRest);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void begin(Clock::time_point now) {
+        start_ = now;
+        hints_ = 0;
+    }
+
+    Clock::time_point start_;
+    int hints_ = 0;
+    std::chrono::milliseconds rest_ = firstRest;
+};
 
 } // namespace
 
@@ -130,21 +164,20 @@ void WakeUps::startThread() {
 }
 
 void WakeUps::drainAll() {
+    FloodMeter meter;
     for (;;) {
         poll(polled_.data(), polled_.size(), -1);
         if (polled_.back().revents != 0)
             return;
         int hints = 0;
-        bool isFlood = false;
-        for (std::size_t i = 0; i < sources_.size(); ++i) {
-            const int found = polled_[i].revents != 0 ? drainOrDrop(i) : 0;
-            hints += found;
-            isFlood = isFlood || found == floodSize;
-        }
+        for (std::size_t i = 0; i < sources_.size(); ++i)
+            hints += polled_[i].revents != 0 ? drainOrDrop(i) : 0;
         if (hints > 0)
             addTo(hints_, static_cast<std::uint64_t>(hints));
-        if (isFlood)
-            sitOutFlood();
+        if (meter.isFlood(hints)) {
+            sitOutFlood(meter.rest());
+            meter.rested();
+        }
     }
 }
 
@@ -157,14 +190,14 @@ int WakeUps::drainOrDrop(std::size_t index) {
     return 0;
 }
 
-void WakeUps::sitOutFlood() {
+void WakeUps::sitOutFlood(std::chrono::milliseconds rest) {
     for (std::size_t i = 0; i < sources_.size(); ++i) {
         const Source& source = sources_[i];
         if (source.isDatagramSocket && closeGate(source.descriptor))
             while (drainOrDrop(i) == floodSize)
                 ; // what came before the gate was closed
     }
-    poll(&polled_.back(), 1, floodPauseMs);
+    poll(&polled_.back(), 1, static_cast<int>(rest.count()));
     for (const Source& source : sources_)
         if (source.isDatagramSocket)
             openGate(source.descriptor);

@@ -57,8 +57,8 @@ private:
     void startThread();
     /// Reads all sources until the object ends. Runs on the thread.
     void drainAll();
-    /// Keeps the descriptors empty for a moment in which a sender, once more, sends too much.
-    void sitOutFlood();
+    /// Reads nothing for the time `rest`, in which the datagram sockets stay empty all the same.
+    void sitOutFlood(std::chrono::milliseconds rest);
     /// drain() for a source that the thread polled. Closes it, and returns 0, after the last hint.
     int drainOrDrop(std::size_t index);
     /// Reads what is there, up to the size of a flood. `events` are poll()'s. Returns the number of

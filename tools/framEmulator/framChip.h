@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -29,6 +30,7 @@ struct Transfer {
     size_t transferred = 0; ///< bytes that took effect, even if the transfer failed in the end
     int result = 0;         ///< what the bus master learns: transferred bytes or a negative errno
     uint64_t opener = 0;    ///< as given by the caller, see FramChip::newOpener()
+    std::chrono::steady_clock::time_point end{};
 };
 
 /// What the last stored byte holds when power was lost while it was written.
