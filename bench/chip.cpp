@@ -13,6 +13,7 @@
 #include "report.h"
 #include "support/logFixture.h"
 #include "support/paths.h"
+#include "wire.h"
 
 namespace bench {
 
@@ -21,20 +22,6 @@ namespace {
 constexpr std::uint64_t entryTime = 1700000000123456;
 constexpr int appendsPerRun = 2000;
 constexpr int recordsPerFlush = 543; // as many as fit
-
-// What a set of transfers costs on the bus: start, address byte, data and stop, nine clocks a byte.
-struct Wire {
-    explicit Wire(const std::vector<framEmulator::Transfer>& transfers) : count(transfers.size()) {
-        for (const framEmulator::Transfer& transfer : transfers) {
-            bytes += 1 + transfer.transferred;
-            clocks += 2 + 9 * (1 + transfer.transferred);
-        }
-    }
-    double microseconds(double hertz) const { return static_cast<double>(clocks) * 1e6 / hertz; }
-    std::size_t count;
-    std::size_t bytes = 0;
-    std::size_t clocks = 0;
-};
 
 class Board {
 public:

@@ -65,11 +65,10 @@ int main(int argc, char** argv) {
     int count = 2;
     benchmark::Initialize(&count, arguments);
     const std::string only = argc > 1 ? argv[1] : "";
-    const std::pair<const char*, void (*)()> groups[] = {{"journal", bench::measureJournal},
-                                                         {"chip", bench::measureChip},
-                                                         {"lines", bench::measureLines},
-                                                         {"delivery", bench::measureDelivery},
-                                                         {"daemon", bench::measureDaemon}};
+    const std::pair<const char*, void (*)()> groups[] = {
+        {"journal", bench::measureJournal}, {"chip", bench::measureChip},
+        {"lines", bench::measureLines},     {"delivery", bench::measureDelivery},
+        {"daemon", bench::measureDaemon},   {"latency", bench::measureLatency}};
     try {
         printHead();
         for (const auto& [name, measure] : groups)

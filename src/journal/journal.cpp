@@ -7,6 +7,7 @@
 #include <limits>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 #include "support/diagnostics.h"
 #include "support/paths.h"
@@ -20,15 +21,16 @@ constexpr std::size_t bufferSize = 65536;
 constexpr std::size_t maxValueLength = bufferSize - 1;
 
 // libsystemd may cut a compressed field, its name included, at this length: room for every value
-// that fits the buffer, behind the longest name that is asked for.
+// that fits the buffer, after the longest name that is asked for.
 constexpr std::size_t dataThreshold = maxValueLength + sizeof "SYSLOG_IDENTIFIER=";
 
 constexpr std::chrono::milliseconds folderRetryInterval{100};
 
 } // namespace
 
-Journal::Journal(int maxPriority)
-    : buffer_(static_cast<char*>(std::malloc(bufferSize))), maxPriority_(maxPriority) {
+Journal::Journal(int maxPriority, std::vector<FileDescriptor> wakeUps)
+    : buffer_(static_cast<char*>(std::malloc(bufferSize))), maxPriority_(maxPriority),
+      wakeUps_(std::move(wakeUps)) {
     if (!buffer_) {
         report(LOG_ERR, "Out of memory");
         return;
@@ -51,11 +53,11 @@ int Journal::readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::st
     if (wanted != 1)
         return wanted;
 
-    const std::string device = decorated("_KERNEL_DEVICE", ": ");
-    std::string sender = process("SYSLOG_IDENTIFIER", "SYSLOG_PID");
+    const std::string device = fieldWithSuffix("_KERNEL_DEVICE", ": ");
+    std::string sender = senderPrefix("SYSLOG_IDENTIFIER", "SYSLOG_PID");
     if (sender.empty())
-        sender = process("_COMM", "_PID");
-    const std::string host = decorated("_HOSTNAME", " ");
+        sender = senderPrefix("_COMM", "_PID");
+    const std::string host = fieldWithSuffix("_HOSTNAME", " ");
 
     std::uint64_t realtime = 0;
     const char* message = nullptr;
@@ -73,8 +75,10 @@ int Journal::readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::st
 int Journal::advance() {
     for (;;) {
         const int result = sd_journal_next(journal_.get());
-        if (result > 0)
+        if (result > 0) {
+            wakeUps_.entryCame();
             return 0;
+        }
         if (result < 0) {
             report(LOG_ERR, "Failed to iterate to next entry: %s", errorText(-result).c_str());
             return -1;
@@ -91,8 +95,11 @@ int Journal::waitForChanges() {
         // looked at once more before the first wait.
         result = beginWatch();
     } else {
-        pollfd watched[2] = {{descriptor_, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}};
-        poll(watched, 2, -1);
+        const int hints = wakeUps_.descriptor();
+        pollfd watched[] = {
+            {descriptor_, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}, {hints, POLLIN, 0}};
+        const int ready = poll(watched, hints < 0 ? 2 : 3, wakeUps_.timeout());
+        wakeUps_.polled(ready, watched[2].revents);
     }
     if (result >= 0)
         result = sd_journal_process(journal_.get());
@@ -124,6 +131,7 @@ void Journal::reportWaitFailure(int error) {
 int Journal::readPriority(std::int32_t& priority) {
     const char* text = nullptr;
     if (getField("PRIORITY", text) != 0) {
+        // Nothing was refused: the text of EPERM is kept because others search the log for it.
         report(LOG_ERR, "Failed to read priority field: %s", errorText(EPERM).c_str());
         return -1;
     }
@@ -153,14 +161,14 @@ int Journal::getField(const char* name, const char*& value) {
     return 0;
 }
 
-std::string Journal::decorated(const char* name, const char* suffix) {
+std::string Journal::fieldWithSuffix(const char* name, const char* suffix) {
     const char* value = nullptr;
     return getField(name, value) == 0 ? std::string(value) + suffix : std::string();
 }
 
-std::string Journal::process(const char* nameField, const char* pidField) {
-    std::string name = decorated(nameField, "[");
-    const std::string pid = name.empty() ? std::string() : decorated(pidField, "]: ");
+std::string Journal::senderPrefix(const char* nameField, const char* pidField) {
+    std::string name = fieldWithSuffix(nameField, "[");
+    const std::string pid = name.empty() ? std::string() : fieldWithSuffix(pidField, "]: ");
     return pid.empty() ? std::string() : name + pid;
 }
 

@@ -4,8 +4,11 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <systemd/sd-journal.h>
+
+#include "journal/wakeUps.h"
 
 namespace qwk {
 
@@ -13,8 +16,9 @@ namespace qwk {
 class Journal {
 public:
     /// Opens the journal. When that fails it is reported, and every readEntry fails. Entries with a
-    /// priority number above `maxPriority` (0 emergency to 7 debug) are passed over.
-    explicit Journal(int maxPriority);
+    /// priority number above `maxPriority` (0 emergency to 7 debug) are passed over. `wakeUps`
+    /// become readable when an entry is on its way; see WakeUps.
+    explicit Journal(int maxPriority, std::vector<FileDescriptor> wakeUps = {});
     virtual ~Journal() = default;
 
     Journal(const Journal&) = delete;
@@ -47,10 +51,10 @@ private:
     int readPriority(std::int32_t& priority);
     /// 0 and the field's text in buffer_, valid until the next call; -1 when it is absent or empty.
     int getField(const char* name, const char*& value);
-    /// "value" and `suffix`, or nothing when the field is absent.
-    std::string decorated(const char* name, const char* suffix);
-    /// "name[process id]: ", or nothing when one of the two fields is absent.
-    std::string process(const char* nameField, const char* pidField);
+    /// The field's text and `suffix`, or nothing when the field is absent or empty.
+    std::string fieldWithSuffix(const char* name, const char* suffix);
+    /// "name[process id]: ", or nothing when one of the two fields is absent or empty.
+    std::string senderPrefix(const char* nameField, const char* pidField);
 
     std::unique_ptr<sd_journal, CloseJournal> journal_;
     const std::unique_ptr<char, Free> buffer_;
@@ -59,6 +63,7 @@ private:
     int descriptor_ = -1;
     /// The failure to get the descriptor was reported and lasts.
     bool waitFailureReported_ = false;
+    WakeUps wakeUps_;
 };
 
 } // namespace qwk

@@ -6,12 +6,16 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "eeprom/eeprom.h"
 #include "journal/journal.h"
+#include "journal/wakeUps.h"
 #include "logger/logger.h"
 #include "server/server.h"
 #include "support/diagnostics.h"
+#include "support/fileDescriptor.h"
 #include "support/signals.h"
 #include "support/stopRequest.h"
 
@@ -50,9 +54,9 @@ void blockHandledSignals() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-void createObjects() {
+void createObjects(std::vector<FileDescriptor> wakeUps) {
     g_daemon.logger = new Logger;
-    g_daemon.journal = new Journal(g_daemon.logger->logLevel());
+    g_daemon.journal = new Journal(g_daemon.logger->logLevel(), std::move(wakeUps));
     g_daemon.server = new Server(g_daemon.logger);
 }
 
@@ -117,8 +121,9 @@ void reportSignal(int number) {
 void runDaemon() {
     blockHandledSignals();
     blockBrokenPipe();
+    std::vector<FileDescriptor> wakeUps = takeHandedOverDescriptors();
     static_cast<void>(stopRequest()); // made before the handler can use it
-    createObjects();
+    createObjects(std::move(wakeUps));
     takeSignals();
     mainLoop();
     tearDown();

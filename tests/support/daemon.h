@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
@@ -50,9 +51,15 @@ inline std::string receiveAll(const Descriptor& socket) {
 // The daemon as a child process. The constructor returns when it serves clients.
 class Daemon {
 public:
-    Daemon() : process_(buildPath("quillwick"), {}) {
-        if (!eventually(30s, [] { return connectToDaemon().get() >= 0; }))
-            throw std::runtime_error("the daemon serves no clients");
+    Daemon() : process_(buildPath("quillwick"), {}) { awaitServer(); }
+    // With a wake-up descriptor, handed over as the service manager does it.
+    explicit Daemon(const Descriptor& wakeUps)
+        : inherited_(fcntl(wakeUps.get(), F_DUPFD, 10)),
+          process_("/bin/bash", {"-c", "LISTEN_PID=$$ LISTEN_FDS=1 exec " + buildPath("quillwick") +
+                                           " 3<&" + std::to_string(inherited_.get()) + ' ' +
+                                           std::to_string(inherited_.get()) + "<&-"}) {
+        inherited_.reset();
+        awaitServer();
     }
     ChildProcess& process() { return process_; }
     // Its exit status, as from ChildProcess::wait().
@@ -62,6 +69,12 @@ public:
     }
 
 private:
+    static void awaitServer() {
+        if (!eventually(30s, [] { return connectToDaemon().get() >= 0; }))
+            throw std::runtime_error("the daemon serves no clients");
+    }
+
+    Descriptor inherited_;
     ChildProcess process_;
 };
 

@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <future>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
 
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include "support/sandbox.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace testSupport {
 namespace {
@@ -59,13 +62,30 @@ void writeJournal(const std::vector<std::string>& entries) {
                 {"--split-mode=none", "-o", directory / "written.journal", "-"}, text);
 }
 
-Journald::Journald() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+Descriptor makeForwardingSocket() {
+    // The length is that of the network namespace in which the socket was made.
+    const auto make = [] {
+        if (::unshare(CLONE_NEWNET) != 0)
+            throw std::system_error(errno, std::generic_category(), "network namespace");
+        writeFile("/proc/sys/net/unix/max_dgram_qlen", "512\n");
+        return Descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    };
+    Descriptor made = std::async(std::launch::async, make).get();
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/syslog"};
+    ::unlink(address.sun_path);
+    if (::bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        throw std::system_error(errno, std::generic_category(), address.sun_path);
+    return made;
+}
+
+Journald::Journald(bool readsKernelLog) : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     // Named to be read last, whatever else configures the machine's own journal.
     fs::create_directories("/run/systemd/journald.conf.d");
     writeFile("/run/systemd/journald.conf.d/zzz.conf",
               "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nRateLimitBurst=0\n"
-              "ForwardToSyslog=no\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
-              "ReadKMsg=no\nAudit=no\n");
+              "ForwardToSyslog=yes\nForwardToKMsg=no\nForwardToConsole=no\nForwardToWall=no\n"
+              "Audit=no\nReadKMsg="s +
+                  (readsKernelLog ? "yes\n" : "no\n"));
     daemon_ = std::make_unique<ChildProcess>(
         "/usr/bin/env",
         std::vector<std::string>{"SYSTEMD_LOG_TARGET=console", "/lib/systemd/systemd-journald"});

@@ -13,13 +13,18 @@ namespace testSupport {
 // more. A field _BOOT_ID is added to each. Throws std::runtime_error.
 void writeJournal(const std::vector<std::string>& entries);
 
+// The socket to which the journal daemon forwards messages, with a queue as long as on a system that
+// systemd has booted.
+Descriptor makeForwardingSocket();
+
 // The real journal daemon, with its sockets, serving the runtime journal of the sandbox. It stores
-// nothing elsewhere, limits no rate and reads no kernel messages. What it has stored remains when
-// it ends. One at a time.
+// nothing elsewhere, limits no rate and reads kernel messages only when asked to. It forwards
+// messages to a socket at /run/systemd/journal/syslog if there is one. What it has stored remains
+// when it ends. One at a time.
 class Journald {
 public:
     // Returns when the daemon accepts entries. Throws std::runtime_error.
-    Journald();
+    explicit Journald(bool readsKernelLog = false);
     ~Journald();
 
     // Waits while the daemon's queue is full. The daemon adds fields about the sender and its own

@@ -98,6 +98,7 @@ void FramChip::finish(Transfer& transfer, const Plan& plan) {
     }
     transfer.transferred = plan.bytes;
     transfer.result = plan.result;
+    transfer.end = std::chrono::steady_clock::now();
     ++transferCount_;
     wireBytes_ += plan.bytes;
     if (recording_)

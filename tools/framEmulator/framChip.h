@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -29,6 +30,7 @@ struct Transfer {
     std::size_t transferred = 0; ///< bytes that took effect, even if the transfer failed in the end
     int result = 0;              ///< seen by the bus master: transferred bytes or a negative errno
     std::uint64_t opener = 0;    ///< as given by the caller, see FramChip::newOpener()
+    std::chrono::steady_clock::time_point end{};
 };
 
 /// The value of the last stored byte when power was lost while it was written.

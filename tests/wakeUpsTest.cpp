@@ -1,0 +1,199 @@
+// Wake-ups by descriptors of the service manager: what they do to the waits of the journal reader,
+// which descriptors serve, and that the daemon loses and repeats nothing with them.
+
+#include <atomic>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <future>
+#include <poll.h>
+#include <sstream>
+#include <thread>
+
+#include "journal/journal.h"
+#include "journal/wakeUps.h"
+#include "support/daemon.h"
+#include "support/stopRequest.h"
+
+using namespace testSupport;
+using namespace std::string_literals;
+
+namespace {
+std::atomic<int> looksInVain{0};
+} // namespace
+
+int sd_journal_next(sd_journal* journal) {
+    static const auto next = reinterpret_cast<int (*)(sd_journal*)>(dlsym(RTLD_NEXT, __func__));
+    const int result = next(journal);
+    looksInVain += result == 0 ? 1 : 0;
+    return result;
+}
+
+namespace {
+
+sockaddr_un forwardingAddress() {
+    return {AF_UNIX, "/run/systemd/journal/syslog"};
+}
+
+void sendTo(const Descriptor& sender, const std::string& datagram) {
+    const sockaddr_un address = forwardingAddress();
+    sendto(sender.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
+           qwk::asSocketAddress(address), sizeof address);
+}
+
+std::vector<Descriptor> onlyA(Descriptor descriptor) {
+    std::vector<Descriptor> all;
+    all.push_back(std::move(descriptor));
+    return all;
+}
+
+class WakeUpsTest : public System {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(
+            run("/bin/journalctl", {"-o", "cat", "-t", "systemd-journald"}).output.find("missed"),
+            std::string::npos);
+    }
+    void logMore(int count) {
+        for (; count > 0; --count) {
+            texts.push_back("number " + std::to_string(texts.size()));
+            journald->log(3, "test", texts.back());
+        }
+    }
+    // The number of looks in vain when no more have come for a second.
+    static int looksAtRest() {
+        int seen = 0;
+        do
+            seen = looksInVain;
+        while (eventually(1s, [&] { return looksInVain != seen; }));
+        return seen;
+    }
+    // Every text once and in order, in the lines of the flushed log.
+    void expectAll() {
+        ASSERT_TRUE(arrives(texts.back()));
+        client({"-f"});
+        std::vector<std::string> stored;
+        const std::string log = logFile();
+        std::istringstream lines(log);
+        for (std::string line; std::getline(lines, line);)
+            stored.push_back(line.substr(line.find("]: ") + 3));
+        EXPECT_EQ(stored, texts);
+    }
+
+    Descriptor forwarding = makeForwardingSocket();
+    const Descriptor sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    std::vector<std::string> texts;
+};
+
+} // namespace
+
+TEST_F(WakeUpsTest, rotationVacuumBurstsAndAMissingChipLoseAndRepeatNothing) {
+    Daemon daemon(forwarding);
+    for (int round = 0; round < 12; ++round) {
+        logMore(round % 4 == 3 ? 5000 : 20);
+        journald->rotate();
+        run("/bin/journalctl", {"--vacuum-files=4"}); // of files that were read long ago
+        ASSERT_TRUE(arrives(texts.back()));
+    }
+    device.reset();
+    logMore(5000);
+    journald->sync();
+    device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
+    expectAll();
+    EXPECT_EQ(daemon.end(), 0);
+}
+
+TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
+    Daemon daemon(forwarding);
+    const std::string descriptors = "/proc/" + std::to_string(daemon.process().pid()) + "/fd";
+    const auto countOpen = [&] {
+        const std::filesystem::directory_iterator all(descriptors);
+        return std::distance(begin(all), end(all));
+    };
+    logMore(1);
+    ASSERT_TRUE(arrives(texts.back())); // with the first entry the log file is opened
+    const auto before = countOpen();
+    std::atomic<bool> ends{false};
+    std::thread flood([&] {
+        while (!ends)
+            for (const std::string& datagram :
+                 {"<0>Jan  1 00:00:00 forged: text"s, ""s, std::string(100000, 'x')})
+                sendTo(sender, datagram);
+    });
+    for (int i = 0; i < 20; ++i) {
+        logMore(50);
+        EXPECT_TRUE(arrives(texts.back()));
+    }
+    expectAll();
+    EXPECT_EQ(countOpen(), before);
+    EXPECT_EQ(daemon.end(), 0); // while the sender goes on
+    forwarding.reset();         // as at a stop, which ends a sender's wait
+    ends = true;
+    flood.join();
+}
+
+TEST_F(WakeUpsTest, aHintCausesLooksForHalfASecondOrUntilAnEntryCame) {
+    constexpr int looksInAll = 10; // at once, and after 1, 2, 4 ... 128 and the last 245 ms
+    qwk::Journal journal(3, onlyA(std::move(forwarding)));
+    std::int32_t priority = 0;
+    std::uint64_t time = 0;
+    std::string text;
+    for (const bool isForged : {true, false}) {
+        auto reading = std::async(std::launch::async, [&] {
+            while (journal.readEntry(priority, time, text) != 1 &&
+                   !qwk::stopRequest().isRequested()) {
+            }
+        });
+        const int atRest = looksAtRest();
+        if (isForged) {
+            sendTo(sender, "<0>forged");
+            EXPECT_TRUE(eventually(20s, [&] { return looksInVain == atRest + looksInAll; }));
+            EXPECT_EQ(looksAtRest(), atRest + looksInAll);
+        }
+        logMore(1);
+        reading.get();
+        EXPECT_NE(text.find(texts.back()), std::string::npos);
+    }
+}
+
+TEST_F(WakeUpsTest, aDescriptorThatEndsOrCannotBeReadIsDroppedWithOneMessage) {
+    int pipe[2], pair[2], datagrams[2];
+    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, datagrams), 0);
+    Descriptor listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un anyName{AF_UNIX, ""};
+    ASSERT_EQ(bind(listening.get(), qwk::asSocketAddress(anyName), sizeof anyName.sun_family), 0);
+    ASSERT_EQ(listen(listening.get(), 1), 0);
+    struct Case {
+        Descriptor descriptor;
+        Descriptor writing; // nothing when the descriptor never serves
+        std::string reason;
+    };
+    Case cases[] = {
+        {Descriptor(pipe[0]), Descriptor(pipe[1]), "End of input"},
+        {Descriptor(pair[0]), Descriptor(pair[1]), "End of input"},
+        {Descriptor(datagrams[0]), Descriptor(datagrams[1]), "End of input"},
+        {std::move(listening), {}, "Invalid argument"},
+        {Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)), {}, "End of input"},
+        {Descriptor(open("/dev/null", O_WRONLY | O_CLOEXEC)), {}, "Bad file descriptor"},
+        {Descriptor(open("/", O_RDONLY | O_CLOEXEC)), {}, "Is a directory"}};
+    for (Case& one : cases) {
+        const std::string expected = "Dropped wake-up descriptor " +
+                                     std::to_string(one.descriptor.get()) + ": " + one.reason;
+        SCOPED_TRACE(expected);
+        const bool isDatagramSocket = one.descriptor.get() == datagrams[0];
+        const Descriptor same(dup(one.descriptor.get()));
+        const qwk::WakeUps wakeUps(onlyA(std::move(one.descriptor)));
+        EXPECT_EQ(wakeUps.descriptor() >= 0, one.writing.isOpen());
+        if (one.writing.isOpen()) {
+            // An empty datagram is a hint, too.
+            EXPECT_GE(write(one.writing.get(), "x", isDatagramSocket ? 0 : 1), 0);
+            pollfd hint{wakeUps.descriptor(), POLLIN, 0};
+            EXPECT_EQ(poll(&hint, 1, 20000), 1);
+            one.writing.reset();
+            shutdown(same.get(), SHUT_RD); // where that is not the end
+        }
+        EXPECT_TRUE(syslog.waitFor(expected, 20s));
+        EXPECT_EQ(syslog.take().size(), 1U);
+    }
+}
