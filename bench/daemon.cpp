@@ -90,8 +90,8 @@ void measureFollowing() {
 // The board without a daemon, and a journal that begins with `count` errors.
 struct Surroundings {
     explicit Surroundings(int count) {
-        std::filesystem::remove_all("/run/log/journal");
-        std::filesystem::create_directory("/run/log/journal");
+        std::filesystem::remove_all(qwk::journalFolderPath);
+        std::filesystem::create_directory(qwk::journalFolderPath);
         journald = std::make_unique<Journald>();
         chip.setRecording(false);
         for (int i = 0; i < count; ++i) // about 100 bytes, with host, name and process number
@@ -110,7 +110,7 @@ struct Surroundings {
 };
 
 void addResidentSize(const std::string& when, Daemon& daemon, const std::string& target = "") {
-    const pid_t process = daemon.process().pid();
+    const pid_t process = daemon.pid();
     row({"resident size " + when,
          number(mebibytes(process, "VmRSS"), 1) + " MiB: memory of its own " +
              number(mebibytes(process, "RssAnon"), 1) + ", of programs and libraries " +
@@ -136,7 +136,7 @@ void measureEntries() {
 } // namespace
 
 void measureDaemon() {
-    std::filesystem::remove("/etc/quillwick.conf");
+    std::filesystem::remove(qwk::configurationPath);
     section("The daemon as a process",
             "12,000 entries of about 100 bytes go from the journal to the chip and, in batches, to "
             "the log file. At rest\nit has read a journal of twenty entries.",
@@ -146,7 +146,7 @@ void measureDaemon() {
     Surroundings surroundings(few);
     Daemon daemon;
     surroundings.waitForEntries(few);
-    addResidentSize("at rest", daemon, atMost(mebibytes(daemon.process().pid(), "VmRSS"), 6, 0));
+    addResidentSize("at rest", daemon, atMost(mebibytes(daemon.pid(), "VmRSS"), 6, 0));
     measureFirstByte();
     measureFollowing();
 }

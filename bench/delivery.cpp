@@ -13,7 +13,6 @@
 #include "server/server.h"
 #include "support/childProcess.h"
 #include "support/logFixture.h"
-#include "support/paths.h"
 
 namespace bench {
 
@@ -37,16 +36,12 @@ struct Connection {
     qwk::FileDescriptor client;
 };
 
-std::string logFile(int index) {
-    return index == 0 ? qwk::logFilePath : qwk::logFilePath + ("." + std::to_string(index));
-}
-
 // The oldest lines are in the file with the highest index.
 void writeLogFiles(int total) {
     std::uint32_t id = 1;
     for (int index = (total - 1) / fileSize; index >= 0; --index) {
         const int size = std::min(total, fileSize);
-        id += writeLines(logFile(index), id, static_cast<std::uint64_t>(size));
+        id += writeLines(testSupport::logFile(index), id, static_cast<std::uint64_t>(size));
         total -= size;
     }
 }
@@ -77,7 +72,7 @@ Transfer transfer(const std::function<void(Connection&)>& send) {
 void copyPlainly(Connection& connection, int total) {
     std::vector<char> buffer(pieceSize);
     for (int index = (total - 1) / fileSize; index >= 0; --index) {
-        const qwk::FileDescriptor file = qwk::openForReading(logFile(index).c_str());
+        const qwk::FileDescriptor file = qwk::openForReading(testSupport::logFile(index).c_str());
         ssize_t got = 0;
         while ((got = qwk::readSome(file.get(), buffer.data(), pieceSize)) > 0)
             if (send(connection.daemon.get(), buffer.data(), static_cast<std::size_t>(got), 0) !=

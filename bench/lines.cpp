@@ -9,12 +9,13 @@
 #include "process.h"
 #include "report.h"
 #include "support/logFixture.h"
+#include "support/paths.h"
 
 namespace bench {
 
 namespace {
 
-constexpr char path[] = "/var/logperm/searched";
+const std::string path = qwk::logFolderPath + std::string("/searched");
 constexpr std::uint32_t firstId = 0x1000;
 constexpr int searches = 200;
 

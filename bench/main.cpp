@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "report.h"
+#include "support/paths.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -41,7 +42,7 @@ void printHead() {
 }
 
 void startAfresh() {
-    for (const char* folder : {"/run/log/journal", "/var/logperm"}) {
+    for (const char* folder : {qwk::journalFolderPath, qwk::logFolderPath}) {
         std::filesystem::remove_all(folder);
         std::filesystem::create_directories(folder);
     }

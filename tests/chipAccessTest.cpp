@@ -11,7 +11,8 @@ namespace {
 
 struct Chip : boardSupport::EepromBase {
     explicit Chip(std::int32_t bytes = 8192, std::int32_t page = 0, std::uint32_t base = 0,
-                  const std::string& device = "/dev/i2c-2", int slaveAddress = 0x50)
+                  const std::string& device = qwk::eepromDevicePath,
+                  int slaveAddress = qwk::eepromSlaveAddress)
         : EepromBase(device, slaveAddress) {
         size = bytes;
         pageSize = page;
@@ -55,7 +56,7 @@ TEST_F(ChipAccessTest, rangesBecomeTransfersOfAtMost4096Bytes) {
         EXPECT_EQ(transfers(), expected);
         EXPECT_TRUE(!isWritten || back == data);
     }
-    EXPECT_EQ(said(), "");
+    EXPECT_EQ(takeDiagnostics(), "");
 }
 
 TEST_F(ChipAccessTest, theFirstFailedOrShortTransferEndsTheOperation) {
@@ -67,7 +68,10 @@ TEST_F(ChipAccessTest, theFirstFailedOrShortTransferEndsTheOperation) {
         for (const auto& [number, kept] : {std::pair(1U, 0U), {2U, 4092U}, {3U, 8186U}}) {
             const auto expectFailure = [&, which = number](const auto& operation) {
                 chip.clearFaults();
-                isShort ? chip.cutTransfer(which, 1) : chip.failTransfer(which);
+                if (isShort)
+                    chip.cutTransfer(which, 1);
+                else
+                    chip.failTransfer(which);
                 chip.clearRecord();
                 EXPECT_EQ(operation(), -1);
                 EXPECT_EQ(chip.transferCount(), which);
@@ -80,8 +84,8 @@ TEST_F(ChipAccessTest, theFirstFailedOrShortTransferEndsTheOperation) {
             EXPECT_GE(std::chrono::steady_clock::now() - begin, 10ms * number);
             expectFailure([&] { return access.read(0, back.data(), 8192); });
             expectFailure([&] { return Chip().dump().empty() ? -1 : 0; });
-            EXPECT_EQ(said(), "Writing of 8190 bytes at address 2 failed.|"
-                              "Writing of 8192 bytes at address 0 failed.|");
+            EXPECT_EQ(takeDiagnostics(), "Writing of 8190 bytes at address 2 failed.|"
+                                         "Writing of 8192 bytes at address 0 failed.|");
         }
     }
 }
@@ -116,9 +120,9 @@ TEST_F(ChipAccessTest, unreachableChipsFailEveryOperation) {
     const std::tuple<std::string, int, bool, std::string> cases[] = {
         {"/dev/none", 80, false,
          "Error opening I2C Device: /dev/none|Cannot access address 80 at /dev/none|"},
-        {"/dev/i2c-2", 300, true, "Cannot access address 300 at /dev/i2c-2|"},
-        {"/dev/i2c-2", 81, true, ""}};
-    said(); // opens the socket to say it
+        {qwk::eepromDevicePath, 300, true, "Cannot access address 300 at /dev/i2c-2|"},
+        {qwk::eepromDevicePath, 81, true, ""}};
+    takeDiagnostics(); // opens the socket to say it
     const int first = Chip().fd;
     for (const auto& [name, slaveAddress, opens, diagnostics] : cases) {
         Chip access(8192, 0, 0, name, slaveAddress);
@@ -126,7 +130,7 @@ TEST_F(ChipAccessTest, unreachableChipsFailEveryOperation) {
         std::uint8_t byte = 0;
         EXPECT_TRUE(access.read(0, &byte, 1) == -1 && access.write(5, &byte, 1) == -1);
         EXPECT_EQ(access.dump(), "");
-        EXPECT_EQ(said(), diagnostics + "Writing of 1 bytes at address 5 failed.|");
+        EXPECT_EQ(takeDiagnostics(), diagnostics + "Writing of 1 bytes at address 5 failed.|");
         EXPECT_EQ(chip.transferCount(), 0U);
     }
     EXPECT_EQ(Chip().fd, first); // none was left open

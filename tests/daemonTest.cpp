@@ -1,10 +1,12 @@
-// The executable from outside: its modes, the way of an entry through a real journal and a stood-in
-// chip to the log file, restarts and what is missing.
+// The executable from outside: its modes, the way of an entry through a real journal and an
+// emulated chip to the log file, restarts and what is missing.
 
 #include <fcntl.h>
 #include <future>
 #include <sstream>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "logger/sequenceNumber.h"
 #include "main/client.h"
@@ -15,26 +17,34 @@ using namespace std::string_literals;
 
 namespace {
 
+const std::string quillwick = buildPath("quillwick");
+
+// The client, with a test in the daemon's place.
 class ClientTest : public testing::Test {
 protected:
     void listenAsDaemon() {
-        unlink(qwk::controlSocketPath);
         const sockaddr_un address = qwk::controlSocketAddress();
         ASSERT_EQ(bind(listening.get(), qwk::asSocketAddress(address), sizeof address), 0);
         ASSERT_EQ(listen(listening.get(), 5), 0);
     }
+    // Takes a client's request, answers it and closes.
+    std::string answer(const std::string& text) {
+        const Descriptor connection(accept(listening.get(), nullptr, nullptr));
+        char request[1024];
+        const ssize_t length = recv(connection.get(), request, sizeof request, 0);
+        EXPECT_EQ(send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(text.size()));
+        return {request, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    }
     // A client in this process writes to `out`, which it closes, and gets this answer.
-    std::future<void> startClient(std::FILE* out, const std::string& answer) {
-        auto client = std::async(std::launch::async, [out] {
-            EXPECT_EQ(qwk::sendRequest("quillwick -g 1", out), 0);
-            EXPECT_EQ(std::fclose(out), 0);
-        });
-        daemon_ = std::async(std::launch::async, [this, answer] {
-            const Descriptor connection(accept(listening.get(), nullptr, nullptr));
-            char request[1024];
-            EXPECT_GT(recv(connection.get(), request, sizeof request, 0), 0);
-            send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
-        });
+    std::future<void> startClient(std::FILE* out, const std::string& text) {
+        auto client = std::async(
+            std::launch::async,
+            [out] {
+                EXPECT_EQ(qwk::sendRequest("quillwick -g 1", out), 0);
+                EXPECT_EQ(std::fclose(out), 0);
+            });
+        daemon_ = std::async(std::launch::async, [this, text] { answer(text); });
         return client;
     }
     const Descriptor listening{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
@@ -45,24 +55,17 @@ private:
 
 class DaemonTest : public System {
 protected:
-    // The daemon under a tracer of its system calls; ready when this returns.
-    std::unique_ptr<ChildProcess> traceDaemon(const std::string& calls,
-                                              std::vector<std::string> options) {
-        // The leak check needs the tracer's place.
-        options.insert(options.end(), {"-f", "-y", "-e", "trace=" + calls, "-o", tracePath, "-E",
-                                       "ASAN_OPTIONS=detect_leaks=0", buildPath("quillwick")});
-        auto process = std::make_unique<ChildProcess>("/usr/bin/strace", options);
-        EXPECT_TRUE(eventually(30s, [] { return connectToDaemon().isOpen(); }));
-        return process;
-    }
-    static std::string endTraced(ChildProcess& tracer) {
-        const std::string tracerId = std::to_string(tracer.pid());
-        ::kill(std::stoi(readFile("/proc/" + tracerId + "/task/" + tracerId + "/children")),
-               SIGTERM);
+    // The system calls of the daemon that runs under a tracer, which end with it.
+    static std::string endTraced(Daemon& tracer) {
+        const std::string id = std::to_string(tracer.pid());
+        kill(std::stoi(readFile("/proc/" + id + "/task/" + id + "/children")), SIGTERM);
         EXPECT_EQ(tracer.wait(30s), 0);
-        return readFile(tracePath);
+        return readFile("/tmp/trace");
     }
-    static constexpr const char* tracePath = "/tmp/trace";
+    // A daemon is started behind it. The leak check needs the tracer's place.
+    static std::string tracing(const std::string& options) {
+        return "ASAN_OPTIONS=detect_leaks=0 exec strace -f -y -o /tmp/trace -e trace=" + options;
+    }
 };
 
 // The messages of the lines numbered from 0 on, up to a number that is missing.
@@ -85,7 +88,7 @@ TEST_F(ClientTest, printsItsUsageWithoutADaemon) {
 
 TEST_F(ClientTest, saysWhenNobodyListens) {
     SyslogCapture syslog;
-    const RunResult result = run(buildPath("quillwick"), {"-h", "-p"});
+    const RunResult result = run(quillwick, {"-h", "-p"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "Cannot connect to server.\n");
     EXPECT_TRUE(
@@ -101,17 +104,9 @@ TEST_F(ClientTest, printsEachPieceUpToItsFirstZeroByte) {
                                                          {"\0"s, "\n"},
                                                          {piece + '\0', piece + "\n"}};
     listenAsDaemon();
-    for (const auto& [answer, printed] : cases) {
-        ChildProcess process(buildPath("quillwick"), {"-g", "1000"});
-        {
-            const Descriptor connection(accept(listening.get(), nullptr, nullptr));
-            char request[1024];
-            const ssize_t length = recv(connection.get(), request, sizeof request, 0);
-            ASSERT_GT(length, 0);
-            EXPECT_EQ(std::string(request, static_cast<std::size_t>(length)),
-                      buildPath("quillwick") + " -g 1000" + '\0');
-            send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
-        }
+    for (const auto& [text, printed] : cases) {
+        ChildProcess process(quillwick, {"-g", "1000"});
+        EXPECT_EQ(answer(text), quillwick + " -g 1000" + '\0');
         EXPECT_EQ(process.wait(10s), 0);
         EXPECT_EQ(process.output(), printed);
     }
@@ -119,8 +114,10 @@ TEST_F(ClientTest, printsEachPieceUpToItsFirstZeroByte) {
 
 TEST_F(ClientTest, endsWhenNobodyReadsItsOutput) {
     listenAsDaemon(); // and never answers, like a quiet log
-    ChildProcess pipeline("/bin/sh", {"-c", buildPath("quillwick") + " -l -g 0 | true"});
-    EXPECT_EQ(pipeline.wait(10s), 0);
+    ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
+    const std::string brokenPipe = "exec 3<>/tmp/fifo 4>/tmp/fifo 3<&- >&4; exec " + quillwick;
+    for (const char* arguments : {" -h", " -l -g 0"})
+        EXPECT_EQ(run("/bin/sh", {"-c", brokenPipe + arguments}).status, 0);
 }
 
 TEST_F(ClientTest, keepsTheOrderOfTheStreamThatItWritesTo) {
@@ -163,15 +160,15 @@ TEST_F(ClientTest, losesNothingWhileItsOutputWouldBlock) {
 }
 
 TEST_F(DaemonTest, killedDaemonsLoseNothingAndNumbersGoOn) {
-    std::vector<std::string> journal, expected;
+    std::vector<std::string> texts, expected;
     for (int round = 0; round < 4; ++round) {
         Daemon daemon;
         // Every start reads the boot's entries again, and they get new numbers.
-        expected.insert(expected.end(), journal.begin(), journal.end());
+        expected.insert(expected.end(), texts.begin(), texts.end());
         for (int i = 0; i < 30; ++i) {
-            journal.push_back(std::to_string(round) + '.' + std::to_string(i));
-            expected.push_back(journal.back());
-            journald->log(3, "test", journal.back());
+            texts.push_back(std::to_string(round) + '.' + std::to_string(i));
+            expected.push_back(texts.back());
+            journald.log(3, "test", texts.back());
         }
         ASSERT_TRUE(eventually(30s, [&] {
             return messagesOf(client({"-g", "1000000"})) == expected;
@@ -186,13 +183,13 @@ TEST_F(DaemonTest, rotationVacuumAndBurstsLoseNothing) {
     const auto logMore = [&](int count) {
         for (; count > 0; --count) {
             texts.push_back("number " + std::to_string(texts.size()));
-            journald->log(3, "test", texts.back());
+            journald.log(3, "test", texts.back());
         }
     };
-    journald->log(5, "test", "a notice is above the level");
+    journald.log(5, "test", "a notice is above the level");
     for (int round = 0; round < 30; ++round) {
         logMore(100);
-        journald->rotate();
+        journald.rotate();
         if (round % 5 == 4)
             ASSERT_TRUE(arrives(texts.back()));
         run("/usr/bin/journalctl", {"--vacuum-files=8"}); // of files that were read long ago
@@ -206,47 +203,42 @@ TEST_F(DaemonTest, rotationVacuumAndBurstsLoseNothing) {
 }
 
 TEST_F(DaemonTest, withoutInotifyEntriesStillArriveAndTheProcessorRests) {
-    const auto tracing = traceDaemon("inotify_init1", {"--inject=inotify_init1:error=EMFILE"});
-    for (int i = 0; i < 10; ++i) {
-        log({"entry " + std::to_string(i)});
-        EXPECT_TRUE(arrives("entry " + std::to_string(i)));
-    }
-    const auto messages = syslog.take();
-    EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                            [](const SyslogMessage& message) {
-                                return message.text ==
-                                       "Failed to wait for changes: Too many open files";
-                            }),
-              1); // each would be an entry itself
-    const std::string trace = endTraced(*tracing);
+    Daemon tracer(tracing("inotify_init1 --inject=inotify_init1:error=EMFILE"));
+    for (int i = 0; i < 10; ++i)
+        store("entry " + std::to_string(i));
+    int reports = 0;
+    for (const SyslogMessage& message : syslog.take())
+        reports += message.text == "Failed to wait for changes: Too many open files";
+    EXPECT_EQ(reports, 1); // each would be an entry itself
+    const std::string trace = endTraced(tracer);
     const auto tries = std::count(trace.begin(), trace.end(), '\n');
     EXPECT_GT(tries, 10);
     EXPECT_LT(tries, 1000); // one in 100 ms
 }
 
 TEST_F(DaemonTest, linesAreOnStableStorageBeforeTheChipLetsThemGo) {
-    writeFile("/etc/quillwick.conf", "log4cplus.logsize=524288\n");
+    writeFile(qwk::configurationPath, "log4cplus.logsize=524288\n");
     writeFile(qwk::logFilePath, std::string(524200, 'x') + '\n'); // rolls with the second line
-    const auto tracing = traceDaemon("write,fsync", {});
-    log({"one", "two", "three"});
-    ASSERT_TRUE(arrives("three"));
+    Daemon tracer(tracing("write,fsync --inject=fsync:error=EIO:when=3"));
+    log({"one", "two"});
+    store("three");
     EXPECT_EQ(client({"-f"}), "");
+    EXPECT_TRUE(syslog.waitFor("Cannot sync \"/var/logperm\" (Input/output error).", 10s));
     EXPECT_EQ(client({"-f"}), ""); // writes nothing and syncs nothing
-    log({"four"});
-    ASSERT_TRUE(arrives("four"));
+    store("four");
     EXPECT_EQ(client({"-f"}), "");
-    std::string order; // l: a line, s: a sync that succeeded, H: a header copy
-    const std::string calls = endTraced(*tracing);
+    std::string order; // l: a line, s: a sync, f: one that failed, H: a header copy
+    const std::string calls = endTraced(tracer);
     std::istringstream trace(calls);
     for (std::string line; std::getline(trace, line);)
         if (line.find("fsync(") != std::string::npos)
-            order += line.find("= 0") != std::string::npos ? 's' : '?';
+            order += line.find("= 0") != std::string::npos ? 's' : 'f';
         else if (line.find("hdr1") != std::string::npos)
             order += 'H';
         else if (line.find(", \"[0000") != std::string::npos)
             order += 'l';
     EXPECT_EQ(order, "HHHHHH"
-                     "lllsssHH"
+                     "lllssfHH"
                      "HH"
                      "lsHH");
     EXPECT_NE(calls.find("larkspur.log.1>"), std::string::npos);
@@ -257,13 +249,21 @@ TEST_F(DaemonTest, runsOnlyOnce) {
     EXPECT_EQ(client({}), "Server already running.\n");
     // Neither a client nor a program of a longer name is a daemon; stopped, they stay.
     ASSERT_EQ(symlink("/usr/bin/yes", "/tmp/quillwick2"), 0);
-    ChildProcess listener(buildPath("quillwick"), {"-l", "-g", "0"});
+    ChildProcess listener(quillwick, {"-l", "-g", "0"});
     ChildProcess other("/tmp/quillwick2", {});
     listener.kill(SIGSTOP);
     other.kill(SIGSTOP);
     EXPECT_EQ(daemon.end(), 0);
     Daemon second;
     EXPECT_EQ(second.end(), 0);
+}
+
+TEST_F(DaemonTest, nothingElseGetsTheNumbersOfClosedStandardDescriptors) {
+    Daemon daemon("exec <&- >&- 2>&-; exec");
+    const std::string descriptors = "/proc/" + std::to_string(daemon.pid()) + "/fd/";
+    for (const char* number : {"0", "1", "2"})
+        EXPECT_EQ(std::filesystem::canonical(descriptors + number),
+                  std::filesystem::canonical("/dev/null"));
 }
 
 TEST_F(DaemonTest, aMissingChipIsWaitedForAndItsEntryKept) {
@@ -283,7 +283,7 @@ TEST_F(DaemonTest, aMissingChipIsWaitedForAndItsEntryKept) {
         }));
         EXPECT_EQ(warnings, expected);
         if (warnings > 0) {
-            device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
+            device = std::make_unique<framEmulator::FramDevice>(qwk::eepromDevicePath, chip);
             EXPECT_TRUE(arrives("kept"));
         }
     }

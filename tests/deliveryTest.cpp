@@ -13,19 +13,15 @@
 
 using namespace testSupport;
 using namespace std::literals;
-using Held = std::lock_guard<qwk::LogSink>;
+using LogLock = std::lock_guard<qwk::LogSink>;
 
 namespace {
 
 constexpr int smallRoom = 1; // the kernel makes some 4 KiB of it
 constexpr int largeRoom = 200000;
 
-std::string logFile(std::uint32_t index) {
-    return qwk::logFilePath + (index == 0 ? ""s : "." + std::to_string(index));
-}
-
 // A log file of so many lines of 25 bytes.
-std::string writeLines(std::uint32_t index, std::uint32_t first, int count) {
+std::string writeLines(int index, std::uint32_t first, int count) {
     std::string text;
     for (; count > 0; --count)
         text += qwk::sequenceTag(first++) + std::string(14, 'x') + '\n';
@@ -65,7 +61,7 @@ struct Stream : Sockets {
         endAll();
     }
     void endAll() {
-        const Held held(logger);
+        const LogLock held(logger);
         logger.endStreams();
     }
     // Takes up to `most` bytes at a time until the condition holds.
@@ -88,10 +84,18 @@ struct Stream : Sockets {
     std::future<int> result;
 };
 
+// Where log text lies, and what clients get of it.
+struct Layout {
+    std::vector<int> lines;         // recent ones, then 25 bytes each in the files, newest first
+    std::vector<std::size_t> sizes; // at which a request gives one line more
+    // From each line on, how many bytes a client may have for its place to be known.
+    std::vector<std::pair<std::uint32_t, std::size_t>> places;
+};
+
 class DeliveryTest : public LogTest {
 protected:
     void add(std::uint32_t id, const std::string& message, bool flush = false) {
-        const Held held(logger);
+        const LogLock held(logger);
         logger.addToCache(id, 6, 0, message);
         recent.emplace_back(id, message);
         whole += logger.formatLine(id, 6, 0, message) + '\n';
@@ -104,9 +108,27 @@ protected:
         flushed = whole.size();
     }
     void clear() {
-        const Held held(logger);
+        const LogLock held(logger);
         logger.clearCache();
         whole.clear();
+    }
+    std::string arrange(const Layout& layout) {
+        clear();
+        for (int i = 0; i < layout.lines[0]; ++i)
+            add(0x200U + static_cast<std::uint32_t>(i), "recent");
+        std::string all = whole;
+        if (!all.empty())
+            all.back() = '\0';
+        int index = 0;
+        for (auto lines = layout.lines.begin() + 1; lines != layout.lines.end(); ++lines, ++index)
+            all.insert(0, writeLines(index, 0x100U >> index, *lines));
+        std::filesystem::remove(logFile(index)); // what lies beyond does not count
+        writeLines(index + 1, 0x10, 2);
+        return all;
+    }
+    std::string deliver(int maxsize) {
+        EXPECT_EQ(logger.streamLogs(maxsize, false, sockets.server.get()), 0);
+        return sockets.receive();
     }
     void begin(int at = 0) {
         state = {buffer, sizeof buffer, sockets.server.get(), at, at, 0, at, {}};
@@ -117,7 +139,7 @@ protected:
     }
     // What a client gets next that has so many bytes from line `id` on; by size 60 if that is gone.
     std::string resume(std::uint32_t id, std::size_t had) {
-        const Held held(logger);
+        const LogLock held(logger);
         std::vector<qwk::LogFile> files{{0, 0, "/left/over"}};
         logger.findFilesAfterId(id, static_cast<int>(had), 60, files);
         EXPECT_EQ(logger.sendFiles(state, files, wouldBlock), 0);
@@ -163,7 +185,9 @@ TEST_F(DeliveryTest, theResumePointIsKnownAcrossCallsAndWrappingOffsets) {
 
 TEST_F(DeliveryTest, aFullSocketIsNoFailureAndAMissingFileOrClientIs) {
     begin();
-    EXPECT_EQ(logger.sendFiles(state, {{0, 0, ""}, {0, 0, "/missing"}}, wouldBlock), -1);
+    for (const char* unreadable : {"/missing", "/tmp"})
+        EXPECT_EQ(logger.sendFiles(state, {{0, 0, ""}, {0, 0, unreadable}}, wouldBlock), -1);
+    EXPECT_EQ(logger.sendFiles(state, {{99, 0, ""}}, wouldBlock), 0); // beyond the recent entries
     EXPECT_EQ(sockets.receive(), "");
     while (!wouldBlock)
         ASSERT_GE(send(std::string(1000, 'x')), 0);
@@ -175,6 +199,7 @@ TEST_F(DeliveryTest, aFullSocketIsNoFailureAndAMissingFileOrClientIs) {
     SyslogCapture syslog;
     sockets.client = Descriptor();
     EXPECT_EQ(send("[0000002b] y"), -1);
+    EXPECT_EQ(logger.sendFiles(state, {{0, 0, "/etc/machine-id"}}, wouldBlock), -1);
     state.socket = 9999;
     EXPECT_EQ(send("[0000002b] y"), -1);
     EXPECT_EQ(state.id, 0x2AU);
@@ -183,56 +208,66 @@ TEST_F(DeliveryTest, aFullSocketIsNoFailureAndAMissingFileOrClientIs) {
 }
 
 TEST_F(DeliveryTest, everySizeGivesWholeLinesAndEveryPlaceWhatFollows) {
-    // How many recent entries there are, and lines in each file.
-    const std::vector<int> layouts[] = {{0}, {1}, {2, 3, 2}, {1, 0, 2, 0, 4}, {0, 2, 2, 3}};
+    constexpr std::size_t always = SIZE_MAX;
+    const Layout layouts[] = {
+        {{0}, {}, {{0x200, 0}}},
+        {{1}, {41}, {{0x200, always}, {0x201, 0}}},
+        {{2, 3, 2},
+         {42, 83, 109, 134, 158, 184, 208},
+         {{0x200, always}, {0x201, always}, {0x101, 133}, {0x81, 100}, {0x40, 0}}},
+        {{1, 0, 2, 0, 4},
+         {41, 67, 91, 117, 142, 167, 191},
+         {{0x200, always}, {0x101, 0}, {0x81, 25}, {0x21, 75}, {0x11, 0}}},
+        {{0, 2, 2, 3},
+         {26, 50, 76, 100, 126, 151, 175},
+         {{0x101, always}, {0x81, 75}, {0x40, 125}}}};
     begin();
-    for (const auto& layout : layouts) {
-        SCOPED_TRACE(testing::PrintToString(layout));
-        clear();
-        for (int i = 0; i < layout[0]; ++i)
-            add(0x200U + static_cast<std::uint32_t>(i), "recent");
-        const std::size_t nul = layout[0] > 0 ? 1 : 0;
-        std::string all = whole.substr(0, whole.size() - nul) + std::string(nul, '\0');
-        std::vector<std::size_t> sizes(1 + nul, all.size()); // of the newest text, the two newest
-        sizes[0] = nul;                                      // and so on
-        std::uint32_t files = 0;
-        for (; files + 1 < layout.size(); ++files)
-            sizes.push_back(
-                all.insert(0, writeLines(files, 0x100U >> files, layout[files + 1])).size());
-        std::filesystem::remove(logFile(files)); // what lies beyond does not count
-        writeLines(files + 1, 0x10, 2);
+    for (const Layout& layout : layouts) {
+        SCOPED_TRACE(testing::PrintToString(layout.sizes));
+        const std::string all = arrange(layout);
         const auto newest = [&](std::size_t most) {
-            std::size_t start = all.size() - std::min(most + nul, all.size());
-            if (std::count(sizes.begin(), sizes.end(), all.size() - start) == 0)
-                start = std::min(all.find('\n', start), all.size() - 1) + 1;
-            return start + nul >= all.size() ? "" : all.substr(start);
+            std::size_t start = all.size();
+            for (const std::size_t size : layout.sizes)
+                start = size <= most ? all.rfind('[', start - 1) : start;
+            return all.substr(start);
         };
-        for (std::size_t most = 0; most < 300; ++most) {
-            EXPECT_EQ(logger.streamLogs(static_cast<int>(most), false, sockets.server.get()), 0);
-            EXPECT_EQ(sockets.receive(), newest(most)) << most;
-        }
-        for (const std::uint32_t id : {0x200U, 0x201U, 0x101U, 0x81U, 0x40U, 0x21U, 0x11U}) {
-            const std::size_t first = all.find(qwk::sequenceTag(id));
-            // The place is looked for in the line's own text and the next newer one.
-            const auto text = std::lower_bound(sizes.begin(), sizes.end(), all.size() - first);
-            const std::size_t limit = first == std::string::npos ? 0
-                                      : text - sizes.begin() < 2 ? SIZE_MAX
-                                                                 : all.size() - *(text - 2);
-            for (std::size_t place = first; place != first + 200; ++place)
-                EXPECT_EQ(resume(id, place - first),
-                          place >= limit ? newest(60) : all.substr(std::min(place, all.size())))
-                    << id << ' ' << place - first;
-        }
+        for (std::size_t most = 0; most < 300; ++most)
+            EXPECT_EQ(deliver(static_cast<int>(most)), newest(most)) << most;
+        for (const auto& [id, limit] : layout.places)
+            for (std::size_t had = 0; had < 200; ++had) {
+                const std::size_t place = all.find(qwk::sequenceTag(id)) + had;
+                EXPECT_EQ(resume(id, had),
+                          had < limit ? all.substr(std::min(place, all.size())) : newest(60))
+                    << id << ' ' << had;
+            }
     }
+}
+
+TEST_F(DeliveryTest, recentEntriesAreSeparatedByOneNewline) {
+    const std::string head = "[00000001] 1970-01-01 00:00:00.000 ";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{}, ""},
+        {{"one", "two"}, head + "one\n" + head + "two\0"s},
+        {{"one\n", "two\n\n", ""}, head + "one\n" + head + "two\n\n" + head + "\0"s}};
+    setenv("TZ", "UTC0", 1);
+    for (const auto& [messages, text] : cases) {
+        clear();
+        EXPECT_EQ(logger.isCacheFilled(), !recent.empty()); // once and for all
+        for (const std::string& message : messages)
+            add(1, message);
+        EXPECT_EQ(deliver(4096), text);
+    }
+    clear();
+    add(1, "ends with a newline\n");
+    EXPECT_EQ(deliver(1), ""); // no line starts there
 }
 
 TEST_F(DeliveryTest, filesBeyond2GiBAreSent) {
     const std::string lines = writeLines(0, 0, 3);
-    std::filesystem::resize_file(logFile(0), 25);
-    std::filesystem::resize_file(logFile(0), 3000000000);
-    std::ofstream(logFile(0), std::ios::app) << '\n' << lines.substr(25);
-    logger.streamLogs(60, false, sockets.server.get());
-    EXPECT_EQ(sockets.receive(), lines.substr(25));
+    std::filesystem::resize_file(logFile(), 25);
+    std::filesystem::resize_file(logFile(), 3000000000);
+    std::ofstream(logFile(), std::ios::app) << '\n' << lines.substr(25);
+    EXPECT_EQ(deliver(60), lines.substr(25));
     begin();
     EXPECT_EQ(resume(2, 20), lines.substr(70));
     add(3, "next");
@@ -250,7 +285,7 @@ TEST_F(DeliveryTest, everyListenerGetsEveryLineOnceThroughFlushesAndRolls) {
             message += '\n' + std::string(130 + random.upTo(500), '-');
         // Where a batch rolls the file, neither may its last line do so, nor may a listener have
         // that line already: it would stand at the end of all files, which counts as lost.
-        const std::uintmax_t size = std::filesystem::file_size(logFile(0)) + whole.size() - flushed;
+        const std::uintmax_t size = std::filesystem::file_size(logFile()) + whole.size() - flushed;
         add(id, message, (size < 520000 || size > 524288) && random.oneIn(10));
         if (random.oneIn(10))
             ASSERT_TRUE(eager.receives(whole));

@@ -60,7 +60,7 @@ protected:
         sink.recent.clear(); // a new process, which knows the log file
         sink.filled = false;
         sink.nextId = sink.written.empty() ? 0 : sink.written.back().id + 1;
-        said();
+        takeDiagnostics();
     }
     // What the log file and the loaded chip hold, without repetitions.
     std::set<std::pair<std::uint32_t, std::string>> entries() const {
@@ -85,7 +85,7 @@ protected:
         append(message);
         ASSERT_FALSE(sink.recent.empty());
         ASSERT_EQ(sink.recent.back().message, message);
-        ASSERT_EQ(cache().flush(), 0);
+        ASSERT_EQ(openEeprom().flush(), 0);
         ASSERT_EQ(sink.written.back().message, message);
     }
     // A new chip with this many entries, flushed or not, and one byte of it wrong.
@@ -94,17 +94,17 @@ protected:
         while (next < entries)
             work(Work::append);
         if (flushed)
-            cache().flush();
+            openEeprom().flush();
         if (damaged != notDamaged)
             flip(8 * damaged);
         return {chip.image(), sink.written, sink.recent};
     }
     void work(Work kind) {
         kind == Work::append  ? append(text(next++))
-        : kind == Work::flush ? void(cache().flush())
-        : kind == Work::clear ? void(cache().clear())
+        : kind == Work::flush ? void(openEeprom().flush())
+        : kind == Work::clear ? void(openEeprom().clear())
         : kind == Work::load  ? load()
-                              : void(cache().hexDump(nowhere.get()));
+                              : void(openEeprom().hexDump(devNull.get()));
     }
     void flip(std::size_t bit) {
         poke(bit / 8, {static_cast<std::uint8_t>(bytes(bit / 8, 1)[0] ^ (1U << bit % 8))});
@@ -130,7 +130,7 @@ protected:
             const auto secondTear = static_cast<TornByte>((first + second) % 3);
             chip.cutPowerAfter(second, secondTear, static_cast<std::uint32_t>(second));
             load();
-            cache().flush();
+            openEeprom().flush();
             cutReached = !chip.isPowered();
             comeBack((first + second) % 2 == 0);
         }
@@ -139,7 +139,7 @@ protected:
         const bool copy0Broken =
             qwk::framLayout::storedCrc(copy0.data()) != qwk::framLayout::computedCrc(copy0.data());
         load();
-        ASSERT_EQ(said().find("corrupted"), std::string::npos);
+        ASSERT_EQ(takeDiagnostics().find("corrupted"), std::string::npos);
         if (kind != Work::clear) // which takes the entries, as asked for
             expectNothingLost(required,
                               kind == Work::flush || required == fullChip || second != never);
@@ -156,10 +156,10 @@ protected:
     void expectSurvived() {
         load();
         work(Work::dump);
-        if (cache().flush() == 0) {
-            said();
+        if (openEeprom().flush() == 0) {
+            takeDiagnostics();
             load();
-            ASSERT_EQ(said(), "info: 0 log entries read from cache.|");
+            ASSERT_EQ(takeDiagnostics(), "info: 0 log entries read from cache.|");
         }
         expectAppendWorks("after");
     }
@@ -242,7 +242,7 @@ TEST_F(DurabilityTest, everyTransferFailsOnceIsCutShortAndFailsForGood) {
                     ? chip.cutTransfer(at, at % 2) // an address has two bytes
                     : chip.failFrom(at);
                 work(kind);
-                const std::string texts = said();
+                const std::string texts = takeDiagnostics();
                 if (fault == Fault::forGood && at == 1)
                     ASSERT_EQ(texts.substr(verdict.empty() ? 0 : texts.rfind(verdict)), verdict);
                 ASSERT_FALSE(sink.isLocked);

@@ -10,8 +10,12 @@ using namespace testSupport;
 
 namespace {
 
-const Bytes oneEntryHeader = {0x68, 0x64, 0x72, 0x31, 0x00, 0x12, 0x00, 0x38, 0x00,
-                              0x01, 0x00, 0x00, 0x00, 0x01, 0xD2, 0x3D, 0x4B, 0x43};
+const Bytes oneEntryHeader = {'h',  'd',  'r',  '1',   // key
+                              0x00, 0x12,              // length of the block
+                              0x00, 0x38,              // end of the records
+                              0x00, 0x01,              // number of entries
+                              0x00, 0x00, 0x00, 0x01,  // number of the next entry
+                              0xD2, 0x3D, 0x4B, 0x43}; // checksum
 
 class EepromTest : public Board {
 protected:
@@ -22,11 +26,11 @@ protected:
             poke(copy, {block.begin(), block.end()});
         sink.filled = true;
         sink.recent.clear();
-        said();
+        takeDiagnostics();
     }
     Lines flushed() {
         sink.written.clear();
-        cache().flush();
+        openEeprom().flush();
         return sink.written;
     }
 };
@@ -35,18 +39,21 @@ protected:
 
 TEST_F(EepromTest, anEntryStandsInTheChipAsDocumented) {
     constexpr std::uint64_t helloTime = 1700000000000000;
-    const Bytes helloRecord = {0x6C, 0x6F, 0x67, 0x31, 0x00, 0x14, 0x06, 0x00, 0x06, 0x0A,
-                               0x24, 0x18, 0x1E, 0x40, 0x00, 0x68, 0x65, 0x6C, 0x6C, 0x6F};
+    const Bytes helloRecord = {'l',  'o',  'g',  '1',                          // key
+                               0x00, 0x14,                                     // length
+                               0x06,                                           // priority
+                               0x00, 0x06, 0x0A, 0x24, 0x18, 0x1E, 0x40, 0x00, // time
+                               'h',  'e',  'l',  'l',  'o'};                   // message
     useCache();
-    cache().append(6, helloTime, "hello");
+    openEeprom().append(6, helloTime, "hello");
     EXPECT_EQ(bytes(0, 18), oneEntryHeader);
     EXPECT_EQ(bytes(18, 18), oneEntryHeader);
     EXPECT_EQ(bytes(36, helloRecord.size()), helloRecord);
-    cache().append(-1, UINT64_MAX, std::string("up to\0here", 10));
-    EXPECT_EQ(said(), "");
+    openEeprom().append(-1, UINT64_MAX, std::string("up to\0here", 10));
+    EXPECT_EQ(takeDiagnostics(), "");
     load();
-    EXPECT_EQ(said(), "info: 2 log entries read from cache.|");
-    cache(); // the buffer is filled: nothing is loaded twice
+    EXPECT_EQ(takeDiagnostics(), "info: 2 log entries read from cache.|");
+    openEeprom(); // the buffer is filled: nothing is loaded twice
     const Lines expected = {{0, "hello"}, {1, "up to"}};
     EXPECT_EQ(sink.recent, expected);
     const Lines lines = flushed();
@@ -69,18 +76,19 @@ TEST_F(EepromTest, longMessagesAreShortenedInTheChipOnly) {
 TEST_F(EepromTest, newAndClearedChipsContinueTheLogFileAndNumbersWrap) {
     sink.nextId = 0x10028;
     append("first");
-    EXPECT_EQ(said(), "warning: Header of FRAM cache either invalid or uninitialised.|");
+    EXPECT_EQ(takeDiagnostics(), "warning: Header of FRAM cache either invalid or uninitialised.|");
     append("second");
-    EXPECT_EQ(cache().flush(), 0);
+    EXPECT_EQ(openEeprom().flush(), 0);
     EXPECT_EQ(sink.written, (Lines{{0x10028, "first"}, {0x10029, "second"}}));
-    EXPECT_EQ(said(), "info: 2 log entries written, next sequence number is [0001002a].|");
+    EXPECT_EQ(takeDiagnostics(),
+              "info: 2 log entries written, next sequence number is [0001002a].|");
     append("gone");
-    EXPECT_EQ(cache().clear(), 0);
+    EXPECT_EQ(openEeprom().clear(), 0);
     EXPECT_EQ(chip.image(), framEmulator::Image{});
     EXPECT_TRUE(sink.recent.empty());
     sink.recent = {{1, "left over"}};
-    EXPECT_EQ(cache().flush(), -1);
-    EXPECT_TRUE(sink.recent.empty() && said().empty());
+    EXPECT_EQ(openEeprom().flush(), -1);
+    EXPECT_TRUE(sink.recent.empty() && takeDiagnostics().empty());
     sink.nextId = 0xFFFFFFFF;
     append("last");
     append("first again");
@@ -93,16 +101,17 @@ TEST_F(EepromTest, ofTwoValidCopiesTheFirstCountsAndAnEmptyCacheStaysAsItIs) {
     useCache({36, 0, 42});
     poke(18, oneEntryHeader);
     sink.recent = {{1, "left over"}};
-    EXPECT_EQ(cache().flush(), 0);
-    EXPECT_TRUE(sink.recent.empty() && sink.written.empty() && said().empty());
+    EXPECT_EQ(openEeprom().flush(), 0);
+    EXPECT_TRUE(sink.recent.empty() && sink.written.empty() && takeDiagnostics().empty());
     append("next");
     EXPECT_EQ(sink.recent, (Lines{{42, "next"}}));
     // The headers' count is what a load tells and no reason to keep a cache without records.
     useCache({36, 7, 9});
     sink.filled = false;
-    EXPECT_EQ(cache().flush(), 0);
-    EXPECT_EQ(said(), "info: 7 log entries read from cache.|"
-                      "info: 0 log entries written, next sequence number is [00000009].|");
+    EXPECT_EQ(openEeprom().flush(), 0);
+    EXPECT_EQ(takeDiagnostics(),
+              "info: 7 log entries read from cache.|"
+              "info: 0 log entries written, next sequence number is [00000009].|");
     EXPECT_EQ(bytes(6, 8), (Bytes{0, 36, 0, 0, 0, 0, 0, 9}));
 }
 
@@ -147,9 +156,10 @@ TEST_F(EepromTest, damageIsReportedAndEndsWithTheNextFlush) {
         EXPECT_EQ(flushed().size(), usable);
         load();
         const std::string corrupted = diagnostics + "FRAM cache corrupted.|";
-        EXPECT_EQ(said(), corrupted + corrupted + "info: " + std::to_string(usable) +
-                              " log entries written, next sequence number is [00000002].|"
-                              "info: 0 log entries read from cache.|");
+        EXPECT_EQ(takeDiagnostics(),
+                  corrupted + corrupted + "info: " + std::to_string(usable) +
+                      " log entries written, next sequence number is [00000002].|"
+                      "info: 0 log entries read from cache.|");
     }
 }
 
@@ -163,40 +173,41 @@ TEST_F(EepromTest, headersThatAreNoneAreNamed) {
         poke(0, block);
         poke(18, block);
         load();
-        EXPECT_EQ(said(), diagnostics + diagnostics); // once for each copy
+        EXPECT_EQ(takeDiagnostics(), diagnostics + diagnostics); // once for each copy
     }
 }
 
 TEST_F(EepromTest, transfersAreExactlyThoseThatTheWorkNeeds) {
     const std::string headers = " w0:2 r0:6 w6:2 r6:12 w18:2 r18:6 w24:2 r24:12";
     useCache();
-    cache().flush();
+    openEeprom().flush();
     EXPECT_EQ(transfers(), headers);
     append("hello");
     EXPECT_EQ(transfers(), headers + " w36:22 w0:20 w18:20");
-    cache().flush();
+    openEeprom().flush();
     EXPECT_EQ(transfers(), headers + " w36:2 r36:6 w42:2 r42:14 w0:20 w18:20");
 }
 
-TEST_F(EepromTest, aFailedWriteIsToldAndNoCopyIsWrittenBehindIt) {
+TEST_F(EepromTest, aFailedWriteIsToldAndNoCopyIsWrittenAfterIt) {
     const auto failing = [&](std::uint64_t transfer) {
         useCache();
         append("hello");
         chip.failTransfer(transfer);
     };
-    failing(10); // copy 0, behind the eight of the headers' reading and the record's
+    failing(10); // copy 0, after the eight of the headers' reading and the record's
     append("next");
-    EXPECT_EQ(said(),
+    EXPECT_EQ(takeDiagnostics(),
               "Writing of 18 bytes at address 0 failed.|Writing log to FRAM cache failed.|");
     EXPECT_EQ(bytes(18 + 7, 1), Bytes{56});
-    failing(13); // copy 0, behind the four of the entry's reading
-    EXPECT_EQ(cache().flush(), -1);
-    EXPECT_EQ(said(), "info: 1 log entries written, next sequence number is [00000001].|"
-                      "Writing of 18 bytes at address 0 failed.|Cannot write headers.|");
+    failing(13); // copy 0, after the four of the entry's reading
+    EXPECT_EQ(openEeprom().flush(), -1);
+    EXPECT_EQ(takeDiagnostics(), "info: 1 log entries written, next sequence number is [00000001].|"
+                                 "Writing of 18 bytes at address 0 failed.|Cannot write headers.|");
     EXPECT_EQ(bytes(18 + 7, 1), Bytes{56});
     failing(3); // the last of the zeros
-    EXPECT_EQ(cache().clear(), -1);
-    EXPECT_EQ(said(), "Writing of 8192 bytes at address 0 failed.|Clearing of FRAM failed.|");
+    EXPECT_EQ(openEeprom().clear(), -1);
+    EXPECT_EQ(takeDiagnostics(),
+              "Writing of 8192 bytes at address 0 failed.|Clearing of FRAM failed.|");
     EXPECT_TRUE(sink.recent.empty());
     useCache({8192, 1, 2});
     chip.failTransfer(19); // copy 0, of the flush that makes room for an entry
@@ -213,7 +224,7 @@ TEST_F(EepromTest, openTriesUntilItsTimeIsUp) {
         locked = 0;
         EXPECT_EQ(qwk::Eeprom::open(&sink, timeoutMs), nullptr);
         EXPECT_EQ(locked, attempts);
-        const std::string texts = said();
+        const std::string texts = takeDiagnostics();
         EXPECT_EQ(std::count(texts.begin(), texts.end(), '|'), 2 * attempts) << texts;
     }
     // Without limit it returns once the device has appeared.
@@ -234,31 +245,31 @@ TEST_F(EepromTest, aSlowReaderOfADumpHoldsNoLock) {
         return static_cast<ssize_t>(size);
     };
     std::FILE* const out = fopencookie(&meanwhile, "w", reader);
-    EXPECT_EQ(cache().hexDump(out), 0);
+    EXPECT_EQ(openEeprom().hexDump(out), 0);
     EXPECT_EQ(std::fclose(out), 0);
     EXPECT_GT(sink.recent.size(), 1U); // it was printed in pieces
 }
 
 TEST_F(EepromTest, operationsOfSeveralThreadsNeverMix) {
     useCache(); // and no load, which would be an operation of its own
+    const auto appendOne = [this](int i) { append(std::string(200, '.') + std::to_string(i)); };
+    const std::function<void(int)> works[] = {
+        appendOne, [&](int i) { appendOne(300 + i); },
+        [this](int i) { return i % 20 == 0 ? openEeprom().clear() : openEeprom().flush(); },
+        [this](int) { openEeprom().hexDump(devNull.get()); }};
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread)
-        threads.emplace_back([this, thread] {
+    for (const auto& work : works)
+        threads.emplace_back([&work] {
             for (int i = 0; i < 300; ++i)
-                if (thread < 2)
-                    append(std::string(200, '.') + std::to_string(300 * thread + i));
-                else if (thread == 2)
-                    i % 20 == 0 ? cache().clear() : cache().flush();
-                else
-                    cache().hexDump(nowhere.get());
+                work(i);
         });
     for (std::thread& thread : threads)
         thread.join();
     // Each object has an open of its own: all its transfers stand together.
     std::vector<std::uint64_t> openers;
     for (const framEmulator::Transfer& transfer : chip.record())
-        openers.push_back(transfer.opener);
-    openers.erase(std::unique(openers.begin(), openers.end()), openers.end());
+        if (openers.empty() || openers.back() != transfer.opener)
+            openers.push_back(transfer.opener);
     EXPECT_EQ(openers.size(), 4 * 300U);
     std::set<std::string> texts;
     for (const Line& line : sink.written)

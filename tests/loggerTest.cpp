@@ -1,6 +1,5 @@
 // The settings, the log line, the recent-entry buffer and the rolling log file.
 
-#include <sys/socket.h>
 #include <syslog.h>
 #include <tuple>
 
@@ -14,18 +13,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string logFile = "/var/logperm/larkspur.log";
-
 class LoggerTest : public testing::Test {
 protected:
     LoggerTest() { setenv("TZ", "UTC0", 1); }
     EmptyLog empty;
     SyslogCapture syslog;
 };
-
-std::string copy(int number) {
-    return logFile + "." + std::to_string(number);
-}
 
 } // namespace
 
@@ -46,7 +39,7 @@ TEST_F(LoggerTest, unusableSettingsFallBackToTheDefault) {
         cases.emplace_back(p + setting, 4, setting.substr(0, setting.find('=')) + " ");
     for (const auto& [file, level, keys] : cases) {
         SCOPED_TRACE(file);
-        writeFile("/etc/quillwick.conf", file);
+        writeFile(qwk::configurationPath, file);
         EXPECT_EQ(Logger().logLevel(), level);
         std::string refused;
         for (const SyslogMessage& message : syslog.take()) {
@@ -67,20 +60,20 @@ TEST_F(LoggerTest, theLogRollsAtTheConfiguredSizeAndCount) {
         {"log4cplus.logsize=1048577\nlog4cplus.logcount=+2\n", 1048577, 2}};
     for (const auto& [file, size, count] : cases) {
         EmptyLog();
-        writeFile("/etc/quillwick.conf", file);
+        writeFile(qwk::configurationPath, file);
         Logger logger;
         const std::uint32_t lines = size / 65536 + 1;
         for (std::uint32_t i = 0; i < lines * static_cast<std::uint32_t>(count + 1); ++i)
             logger.sink(i, 6, 0, std::string(65536 - 36, 'm')); // a line of 65536 bytes
-        EXPECT_EQ(fs::file_size(copy(1)), lines * 65536);
-        EXPECT_TRUE(fs::exists(copy(count)));
-        EXPECT_FALSE(fs::exists(copy(count + 1)));
+        EXPECT_EQ(fs::file_size(logFile(1)), lines * 65536);
+        EXPECT_TRUE(fs::exists(logFile(count)));
+        EXPECT_FALSE(fs::exists(logFile(count + 1)));
     }
 }
 
 TEST_F(LoggerTest, noLineIsLostOverRollsAndRestarts) {
     std::string expected = "[00000000] cut off\n";
-    writeFile(logFile, expected.substr(0, expected.size() - 1)); // by a power cut
+    writeFile(logFile(), expected.substr(0, expected.size() - 1)); // by a power cut
     std::uint32_t id = 1;
     for (int copies = 1; copies <= 3; ++copies) {
         log4cplus::Logger::getInstance("quillwick").removeAllAppenders(); // as if restarted
@@ -90,12 +83,13 @@ TEST_F(LoggerTest, noLineIsLostOverRollsAndRestarts) {
             logger.sink(id++, 6, 0, message);
         };
         write("two\nlines, 100 %n %m \\");
-        while (fs::file_size(logFile) > 0)
+        while (fs::file_size(logFile()) > 0)
             write(std::string(id % 7919, 'm'));
-        EXPECT_TRUE(fs::exists(copy(copies)));
+        EXPECT_TRUE(fs::exists(logFile(copies)));
         write("kept for the next");
     }
-    EXPECT_TRUE(readFile(copy(3)) + readFile(copy(2)) + readFile(copy(1)) + readFile(logFile) ==
+    EXPECT_TRUE(readFile(logFile(3)) + readFile(logFile(2)) + readFile(logFile(1)) +
+                    readFile(logFile()) ==
                 expected);
 }
 
@@ -114,47 +108,25 @@ TEST_F(LoggerTest, linesBeginWithTheNumberAndTheLocalTime) {
     }
 }
 
-TEST_F(LoggerTest, recentEntriesAreSeparatedByOneNewline) {
-    const std::string head = "[00000001] 1970-01-01 00:00:00.000 ", cleared = "cleared";
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"one", "two"}, head + "one\n" + head + "two\0"s},
-        {{"one\n", "two\n\n", ""}, head + "one\n" + head + "two\n\n" + head + "\0"s},
-        {{"one", cleared, "two"}, head + "two\0"s},
-        {{"one", cleared}, ""}};
-    for (const auto& [messages, text] : cases) {
-        Logger logger;
-        EXPECT_FALSE(logger.isCacheFilled());
-        for (const std::string& message : messages)
-            message == cleared ? logger.clearCache() : logger.addToCache(1, 3, 0, message);
-        EXPECT_TRUE(logger.isCacheFilled()); // and stays so when it is cleared
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        const Descriptor reading(ends[0]);
-        EXPECT_EQ(logger.streamLogs(4096, false, Descriptor(ends[1]).get()), 0);
-        char sent[4096];
-        const auto length = static_cast<std::size_t>(recv(reading.get(), sent, sizeof sent, 0));
-        EXPECT_EQ(std::string(sent, length), text);
-        EXPECT_EQ(fs::file_size(logFile), 0U);
-    }
-    EXPECT_TRUE(syslog.take().empty());
-}
-
 TEST_F(LoggerTest, numbersGoOnAfterTheLastLineOfTheCurrentFile) {
     const std::string one = "[00000001] 2024-01-01 00:00:00.000 a\n";
     const std::pair<std::string, std::uint32_t> cases[] = {
         {"", 0}, {one + "[0000002a] cut of", 0x2B}, {one + "[ffffffff] b\n", 0}};
-    fs::remove_all("/var/logperm");
+    fs::remove_all(qwk::logFolderPath);
     Logger logger;
+    logger.lock();
     logger.sink(1, 6, 0, "lost, and no harm done");
-    fs::create_directory("/var/logperm");
-    writeFile(copy(1), one + one);
+    logger.unlock();
+    EXPECT_TRUE(syslog.waitFor("Cannot sync \"/var/logperm/larkspur.log\" (No such file", 10s));
+    fs::create_directory(qwk::logFolderPath);
+    writeFile(logFile(1), one + one);
     for (const auto& [content, expected] : cases) {
         std::uint32_t next = 77;
         logger.nextSequenceNumber(next);
         EXPECT_EQ(next, 0U); // without a file
-        writeFile(logFile, content);
+        writeFile(logFile(), content);
         logger.nextSequenceNumber(next);
         EXPECT_EQ(next, expected) << content;
-        fs::remove(logFile);
+        fs::remove(logFile());
     }
 }

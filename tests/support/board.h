@@ -16,6 +16,7 @@
 #include "eeprom/eeprom.h"
 #include "framEmulator/framChip.h"
 #include "framEmulator/framDevice.h"
+#include "support/paths.h"
 #include "support/sandbox.h"
 #include "support/syslogCapture.h"
 
@@ -26,7 +27,7 @@ using namespace std::chrono_literals;
 struct Line {
     std::uint32_t id;
     std::string message;
-    std::int32_t priority = 0; // this and the next do not count in a comparison
+    std::int32_t priority = 0; ///< this and the next do not count in a comparison
     std::uint64_t time = 0;
     bool operator==(const Line& other) const { return id == other.id && message == other.message; }
     friend std::ostream& operator<<(std::ostream& out, const Line& line) {
@@ -37,7 +38,7 @@ using Lines = std::vector<Line>;
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 using Bytes = std::vector<std::uint8_t>;
 
-// The log as the FRAM cache sees it: lines that reached the log file, and the recent entries.
+/// The log as the FRAM cache sees it: lines that reached the log file, and the recent entries.
 class RecordingSink : public qwk::LogSink {
 public:
     void nextSequenceNumber(std::uint32_t& next) override { next = nextId; }
@@ -71,7 +72,7 @@ public:
         mutex_.unlock();
     }
 
-    std::uint32_t nextId = 0; // what the log file would say
+    std::uint32_t nextId = 0; ///< what the log file would say
     std::function<void()> onUnlock;
     bool isLocked = false;
     bool filled = false;
@@ -82,16 +83,19 @@ private:
     std::mutex mutex_;
 };
 
-// The board's chip at its place, and a cache over it whose every operation opens the device anew.
+/// The board's chip at its place, and a FRAM cache over it whose every operation opens the device
+/// anew.
 class Board : public testing::Test {
 protected:
-    qwk::Eeprom cache() { return qwk::Eeprom("/dev/i2c-2", 0x50, &sink); }
-    void append(const std::string& message) { cache().append(6, 0, message); }
-    // A new process would know nothing of the entries in the chip, but for what the load finds.
+    qwk::Eeprom openEeprom() {
+        return qwk::Eeprom(qwk::eepromDevicePath, qwk::eepromSlaveAddress, &sink);
+    }
+    void append(const std::string& message) { openEeprom().append(6, 0, message); }
+    /// A new process would know nothing of the entries in the chip, but for what the load finds.
     void load() {
         sink.recent.clear();
         sink.filled = false;
-        cache();
+        openEeprom();
     }
 
     Bytes bytes(std::size_t from, std::size_t count) {
@@ -103,7 +107,7 @@ protected:
         std::copy(values.begin(), values.end(), &image[at]);
         chip.setImage(image);
     }
-    // The transfers since the last call: w or r, the address, the length with a write's address.
+    /// The transfers since the last call: w or r, the address, the length with a write's address.
     std::string transfers() {
         std::string all;
         for (const framEmulator::Transfer& transfer : chip.record())
@@ -112,8 +116,9 @@ protected:
         chip.clearRecord();
         return all;
     }
-    // The diagnostics since the last call, each with its severity unless it is an error, and a bar.
-    std::string said() {
+    /// The diagnostics since the last call, each with its severity unless it is an error, and a
+    /// bar.
+    std::string takeDiagnostics() {
         const std::map<int, std::string> severities = {{LOG_DAEMON | LOG_ERR, ""},
                                                        {LOG_DAEMON | LOG_WARNING, "warning: "},
                                                        {LOG_DAEMON | LOG_INFO, "info: "}};
@@ -125,9 +130,9 @@ protected:
 
     SyslogCapture syslog;
     framEmulator::FramChip chip;
-    framEmulator::FramDevice device{"/dev/i2c-2", chip};
+    framEmulator::FramDevice device{qwk::eepromDevicePath, chip};
     RecordingSink sink;
-    File nowhere{std::fopen("/dev/null", "w"), std::fclose};
+    File devNull{std::fopen("/dev/null", "w"), std::fclose};
 };
 
 } // namespace testSupport

@@ -1,57 +1,117 @@
 #pragma once
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <optional>
+#include <spawn.h>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
 #include <vector>
 
-#include <sys/types.h>
-
 #include "support/fileDescriptor.h"
+#include "support/sandbox.h"
 
 namespace testSupport {
 
 using Descriptor = qwk::FileDescriptor;
 
-// A program running as a child; killed and reaped at the latest by the destructor. Not for use by
-// several threads at once.
+/// A program running as a child; killed and reaped at the latest by the destructor. Not for use by
+/// several threads at once.
 class ChildProcess {
 public:
-    // The path is not searched for; args do not contain the program's name; input is what the child
-    // reads from its standard input. Throws std::system_error if the program cannot be started.
-    ChildProcess(const std::string& path, const std::vector<std::string>& args,
-                 const std::string& input = {});
-    ~ChildProcess();
+    /// The path is not searched for; args do not contain the program's name; input is what the
+    /// child reads from its standard input. Throws std::system_error if it cannot be started.
+    ChildProcess(const std::string& path, std::vector<std::string> args,
+                 const std::string& input = {}) {
+        if (write(input_.get(), input.data(), input.size()) < 0 ||
+            lseek(input_.get(), 0, SEEK_SET) != 0)
+            throw std::system_error(errno, std::generic_category(), "input of " + path);
+        args.insert(args.begin(), path);
+        std::vector<char*> arguments;
+        for (std::string& argument : args)
+            arguments.push_back(argument.data());
+        arguments.push_back(nullptr);
 
-    // The number remains after the end; it is free for other processes then.
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, input_.get(), STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
+        // Not bound to the life of the starting thread: the sandbox's end is the child's end
+        // anyway.
+        const int error =
+            posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (error != 0)
+            throw std::system_error(error, std::generic_category(), path);
+    }
+    ~ChildProcess() {
+        kill(SIGKILL);
+        while (!wait(std::chrono::seconds(1))) {
+        }
+    }
+
+    /// The number remains after the end; it is free for other processes then.
     pid_t pid() const { return pid_; }
-    // Without effect once the end was seen by wait().
-    void kill(int signal);
-    // The exit status, or the negated number of the signal that ended the child; nothing if it
-    // still runs at the limit. May be repeated.
-    std::optional<int> wait(std::chrono::milliseconds limit);
+    /// Without effect once the end was seen by wait().
+    void kill(int signal) {
+        if (!ending_)
+            ::kill(pid_, signal);
+    }
+    /// The exit status, or the negated number of the signal that ended the child; nothing if it
+    /// still runs at the limit. May be repeated.
+    std::optional<int> wait(std::chrono::milliseconds limit) {
+        eventually(limit, [this] {
+            int status = 0;
+            if (!ending_ && waitpid(pid_, &status, WNOHANG) == pid_)
+                ending_ = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+            return ending_.has_value();
+        });
+        return ending_;
+    }
 
-    // All that the child has written so far to standard output and standard error.
-    std::string output() const;
-    bool waitForOutput(std::string_view text, std::chrono::milliseconds limit) const;
+    /// All that the child has written so far to standard output and standard error.
+    std::string output() const {
+        // Seen through /proc, a file's own position stays where the child writes.
+        return readFile("/proc/self/fd/" + std::to_string(output_.get()));
+    }
+    bool waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {
+        const auto isThere = [&] { return output().find(text) != std::string::npos; };
+        return eventually(limit, isThere);
+    }
 
 private:
-    Descriptor output_;
+    // Standard streams are files in memory: unlike pipes they never block either side.
+    const Descriptor input_{memfd_create("input", MFD_CLOEXEC)};
+    const Descriptor output_{memfd_create("output", MFD_CLOEXEC)};
     pid_t pid_ = -1;
     std::optional<int> ending_;
 };
 
 struct RunResult {
-    int status; // as from ChildProcess::wait()
+    int status; ///< as from ChildProcess::wait()
     std::string output;
 };
 
-// Runs a program to its end. Throws std::runtime_error if that takes longer than a minute.
-RunResult run(const std::string& path, const std::vector<std::string>& args,
-              const std::string& input = {});
+/// Runs a program to its end. Throws std::runtime_error if that takes longer than a minute.
+inline RunResult run(const std::string& path, const std::vector<std::string>& args,
+                     const std::string& input = {}) {
+    ChildProcess child(path, args, input);
+    const std::optional<int> ending = child.wait(std::chrono::minutes(1));
+    if (!ending)
+        throw std::runtime_error(path + " did not end in time; it wrote: " + child.output());
+    return {*ending, child.output()};
+}
 
-// Where the build has put one of its products.
-std::string buildPath(const std::string& name);
+/// Where the build has put one of its products.
+inline std::string buildPath(const std::string& name) {
+    return QUILLWICK_BUILD_DIR "/" + name;
+}
 
 } // namespace testSupport

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -22,7 +21,7 @@ namespace testSupport {
 
 using namespace std::chrono_literals;
 
-// A socket connected to the daemon; -1 in it when nobody listens.
+// A socket connected to the daemon; none in it when nobody listens.
 inline Descriptor connectToDaemon() {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = qwk::controlSocketAddress();
@@ -49,34 +48,28 @@ inline std::string receiveAll(const Descriptor& socket) {
 }
 
 // The daemon as a child process. The constructor returns when it serves clients.
-class Daemon {
+class Daemon : public ChildProcess {
 public:
-    Daemon() : process_(buildPath("quillwick"), {}) { awaitServer(); }
-    // With a wake-up descriptor, handed over as the service manager does it.
-    explicit Daemon(const Descriptor& wakeUps)
-        : inherited_(fcntl(wakeUps.get(), F_DUPFD, 10)),
-          process_("/bin/bash", {"-c", "LISTEN_PID=$$ LISTEN_FDS=1 exec " + buildPath("quillwick") +
-                                           " 3<&" + std::to_string(inherited_.get()) + ' ' +
-                                           std::to_string(inherited_.get()) + "<&-"}) {
-        inherited_.reset();
-        awaitServer();
-    }
-    ChildProcess& process() { return process_; }
-    // Its exit status, as from ChildProcess::wait().
-    std::optional<int> end(int signal = SIGTERM) {
-        process_.kill(signal);
-        return process_.wait(30s);
-    }
-
-private:
-    static void awaitServer() {
-        if (!eventually(30s, [] { return connectToDaemon().get() >= 0; }))
+    // What a shell does before, such as "ulimit -n 30; exec".
+    explicit Daemon(const std::string& before = "exec")
+        : ChildProcess("/bin/bash", {"-c", before + ' ' + buildPath("quillwick")}) {
+        if (!eventually(30s, [] { return connectToDaemon().isOpen(); }))
             throw std::runtime_error("the daemon serves no clients");
     }
-
-    Descriptor inherited_;
-    ChildProcess process_;
+    // Its exit status, as from wait().
+    std::optional<int> end(int signal = SIGTERM) {
+        kill(signal);
+        return wait(30s);
+    }
 };
+
+// A daemon with a wake-up descriptor, handed over as the service manager does it.
+inline std::unique_ptr<Daemon> startWithWakeUps(const Descriptor& wakeUps) {
+    const Descriptor inherited(fcntl(wakeUps.get(), F_DUPFD, 10));
+    const std::string number = std::to_string(inherited.get());
+    return std::make_unique<Daemon>("exec 3<&" + number + ' ' + number +
+                                    "<&-; LISTEN_PID=$$ LISTEN_FDS=1 exec");
+}
 
 // What the client prints for these arguments.
 inline std::string client(const std::vector<std::string>& arguments) {
@@ -86,37 +79,32 @@ inline std::string client(const std::vector<std::string>& arguments) {
 // The board with everything but the daemon: chip, journal, log folder.
 class System : public testing::Test {
 protected:
-    // What an earlier test of the same program left is not there.
-    System() {
-        for (const char* folder : {"/run/log/journal", "/var/logperm"}) {
-            std::filesystem::remove_all(folder);
-            std::filesystem::create_directories(folder);
-        }
-        journald = std::make_unique<Journald>();
-    }
     std::string logFile() {
         return std::filesystem::exists(qwk::logFilePath) ? readFile(qwk::logFilePath) : "";
     }
     // Each text as an error of one program, in the journal's files when this returns.
     void log(const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
-            journald->log(3, "test", text);
-        journald->sync();
+            journald.log(3, "test", text);
+        journald.sync();
     }
     // True once the daemon's newest text, or its log file, holds the text.
     bool arrives(const std::string& text) {
-        return eventually(
-            30s,
-            [&] {
-                return (client({"-g", "100000"}) + logFile()).find(text) != std::string::npos;
-            });
+        const auto isThere = [&] {
+            return (client({"-g", "100000"}) + logFile()).find(text) != std::string::npos;
+        };
+        return eventually(30s, isThere);
+    }
+    void store(const std::string& text) {
+        log({text});
+        EXPECT_TRUE(arrives(text));
     }
 
     SyslogCapture syslog; // keeps the daemon's own messages out of the journal
     framEmulator::FramChip chip;
     std::unique_ptr<framEmulator::FramDevice> device =
-        std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
-    std::unique_ptr<Journald> journald;
+        std::make_unique<framEmulator::FramDevice>(qwk::eepromDevicePath, chip);
+    Journald journald;
 };
 
 } // namespace testSupport

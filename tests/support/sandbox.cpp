@@ -11,14 +11,18 @@
 
 namespace testSupport {
 
+bool isInSandbox() {
+    return std::getenv("QUILLWICK_SANDBOX") != nullptr && access("/host", F_OK) == 0;
+}
+
 void restartInSandbox(char** argv) {
-    if (std::getenv("QUILLWICK_SANDBOX") != nullptr && ::access("/host", F_OK) == 0)
+    if (isInSandbox())
         return;
     std::vector<const char*> command = {QUILLWICK_SANDBOX_SCRIPT, QUILLWICK_TEST_LAUNCHER};
     do
         command.push_back(*argv);
     while (*argv++ != nullptr); // which ends the command, too
-    ::execv(command[0], const_cast<char**>(command.data()));
+    execv(command[0], const_cast<char**>(command.data()));
     std::perror("cannot start again in the sandbox");
     std::_Exit(EXIT_FAILURE);
 }
