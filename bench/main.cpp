@@ -69,7 +69,8 @@ int main(int argc, char** argv) {
                                                          {"chip", bench::measureChip},
                                                          {"lines", bench::measureLines},
                                                          {"delivery", bench::measureDelivery},
-                                                         {"daemon", bench::measureDaemon}};
+                                                         {"daemon", bench::measureDaemon},
+                                                         {"faults", bench::measureFaults}};
     try {
         printHead();
         for (const auto& [name, measure] : groups)

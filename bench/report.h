@@ -60,5 +60,6 @@ void measureChip();
 void measureLines();
 void measureDelivery();
 void measureDaemon();
+void measureFaults();
 
 } // namespace bench

@@ -25,7 +25,7 @@ void reportUnexpectedKey(const std::uint8_t* key) {
 
 } // namespace
 
-std::mutex Eeprom::chipMutex_;
+FairMutex Eeprom::chipMutex_;
 
 Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs) {
     const std::int64_t interval = openRetryInterval.count();

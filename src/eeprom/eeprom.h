@@ -9,6 +9,7 @@
 #include "boardSupport/eepromBase.h"
 #include "eeprom/framLayout.h"
 #include "logger/logSink.h"
+#include "support/fairMutex.h"
 
 namespace qwk {
 
@@ -47,7 +48,7 @@ public:
     int hexDump(std::FILE* out);
 
 private:
-    using ChipLock = std::lock_guard<std::mutex>;
+    using ChipLock = std::lock_guard<FairMutex>;
     using SinkLock = std::unique_lock<LogSink>;
 
     // All below: the caller holds the chip lock.
@@ -75,7 +76,8 @@ private:
     template<typename Visit>
     bool walkEntries(std::uint32_t end, std::uint32_t firstId, std::uint32_t& visited, Visit visit);
 
-    static std::mutex chipMutex_;
+    /// Fair, because a chip that does not answer keeps the main loop in it for seconds at a time.
+    static FairMutex chipMutex_;
 
     LogSink* const logSink;
     /// One record and a NUL behind it, or the zeros of a clear.

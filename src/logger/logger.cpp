@@ -10,6 +10,7 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/loggingmacros.h>
 
+#include "logger/recentEntries.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
 #include "support/paths.h"
@@ -57,6 +58,8 @@ void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint
     cache_ += formatLine(id, priority, time, message);
     report(LOG_DEBUG, "Adding [%08x] to cache (%d bytes).", id,
            static_cast<int>(cache_.size() - before));
+    if (dropOldestLines(cache_) && !std::exchange(dropReported_, true))
+        report(LOG_WARNING, "Too many recent entries, dropping the oldest.");
     lastId_ = id;
     ++additions_;
     cacheFilled_ = true;
@@ -66,6 +69,7 @@ void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint
 void Logger::clearCache() {
     report(LOG_DEBUG, "Cache cleared.");
     cache_.clear();
+    dropReported_ = false;
 }
 
 bool Logger::isCacheFilled() {

@@ -143,6 +143,8 @@ private:
     std::string cache_;
     std::mutex mutex_;
     bool cacheFilled_ = false;
+    /// Lines were dropped from the front of cache_ since it was last empty.
+    bool dropReported_ = false;
     std::uint32_t lastId_ = 0;
     /// Notified after every addToCache and by endStreams.
     std::condition_variable cacheChanged_;
