@@ -1,6 +1,8 @@
 // A fault that lasts: the daemon beside a real journal that takes its complaints, over a chip that
 // does not answer or takes its time to fail; and the limits that keep memory and journal small.
 
+#include <regex>
+
 #include "logger/recentEntries.h"
 #include "support/daemon.h"
 #include "support/messageLimiter.h"
@@ -35,7 +37,68 @@ protected:
     framEmulator::DeviceOptions options;
 };
 
+// The service manager, as far as the daemon knows it.
+class Manager {
+public:
+    Manager() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_un address = {AF_UNIX, "/tmp/manager"};
+        if (bind(socket_.get(), qwk::asSocketAddress(address), sizeof address) != 0)
+            throw std::runtime_error("cannot bind the manager's socket");
+        const timeval limit{30, 0};
+        setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        setenv("NOTIFY_SOCKET", address.sun_path, 1);
+    }
+    ~Manager() { unsetenv("NOTIFY_SOCKET"); }
+    // The next message, with a T for each time.
+    std::string next() {
+        char text[512];
+        const ssize_t length = recv(socket_.get(), text, sizeof text, 0);
+        return std::regex_replace(
+            std::string(text, static_cast<std::size_t>(std::max(length, ssize_t{0}))),
+            std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)"), "T");
+    }
+
+private:
+    Descriptor socket_;
+};
+
 } // namespace
+
+TEST_F(FaultTest, theServiceManagerLearnsEachState) {
+    const SyslogCapture syslog;
+    const framEmulator::FramDevice device("/dev/i2c-2", chip);
+    std::filesystem::rename("/run/log/journal", "/run/log/hidden");
+    Manager manager;
+    Daemon daemon;
+    EXPECT_EQ(manager.next(), "READY=1");
+    EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
+    EXPECT_EQ(manager.next(), "STATUS=Waiting for a journal under /run/log/journal.");
+    std::filesystem::rename("/run/log/hidden", "/run/log/journal");
+    EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
+    chip.refuseOpens();
+    log("waits");
+    EXPECT_EQ(manager.next(), "STATUS=Waiting for /dev/i2c-2 since T.");
+    chip.refuseOpens(0);
+    EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
+    chip.failFrom(1);
+    for (int i = 0; i < 5; ++i)
+        log("in memory");
+    for (const char* count : {"1", "2", "4"})
+        EXPECT_EQ(manager.next(),
+                  "STATUS=The chip has not answered since T. Entries in memory only: " +
+                      std::string(count) + '.');
+    log("the last of these");
+    ASSERT_TRUE(arrives("the last of these"));
+    chip.clearFaults();
+    log("stored");
+    EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
+    ChildProcess second(buildPath("quillwick"), {});
+    EXPECT_EQ(manager.next(), "READY=1\nSTOPPING=1\nSTATUS=Another daemon runs already.");
+    EXPECT_EQ(manager.next(), "BARRIER=1");
+    EXPECT_EQ(second.wait(30s), 0);
+    EXPECT_EQ(daemon.end(), 0);
+    EXPECT_EQ(manager.next(), "STOPPING=1\nSTATUS=Stopping.");
+}
 
 TEST_F(FaultTest, aDeadChipIsSoonQuietAndUsedAgainWhenItAnswers) {
     const framEmulator::FramDevice device("/dev/i2c-2", chip);

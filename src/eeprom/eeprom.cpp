@@ -28,15 +28,22 @@ void reportUnexpectedKey(const std::uint8_t* key) {
 FairMutex Eeprom::chipMutex_;
 
 Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs) {
+    return open(
+        logSink, timeoutMs, [] {});
+}
+
+Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs, const std::function<void()>& missing) {
     const std::int64_t interval = openRetryInterval.count();
     std::int64_t retries = (timeoutMs + interval / 2) / interval;
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         auto eeprom = std::make_unique<Eeprom>(eepromDevicePath, eepromSlaveAddress, logSink);
         if (eeprom->fd >= 0)
             return eeprom.release();
         eeprom.reset();
         if (timeoutMs >= 0 && --retries < 0)
             return nullptr;
+        if (isFirst)
+            missing();
         stopRequest().sleepFor(openRetryInterval);
         if (stopRequest().isRequested())
             return nullptr;
@@ -94,8 +101,9 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
         logSink->addToCache(nextId, priority, time, message);
     }
     // The record first, then copy 0: at a power cut the headers never cover half a record.
-    if (writeLogEntry(end, priority, time, message) != 0 ||
-        writeHeaders(end + length, count + 1, nextId + 1) != 0)
+    hasStored_ = writeLogEntry(end, priority, time, message) == 0 &&
+                 writeHeaders(end + length, count + 1, nextId + 1) == 0;
+    if (!hasStored_)
         report(LOG_ERR, "Writing log to FRAM cache failed.");
 }
 

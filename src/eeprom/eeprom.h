@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +27,8 @@ public:
     /// for ever when `timeoutMs` is negative. Returns the object, which the caller deletes; null
     /// after the time-out, or when the daemon is asked to stop before the device opened.
     static Eeprom* open(LogSink* logSink, int timeoutMs);
+    /// The same; calls `missing` once, when the first try has failed and more follow.
+    static Eeprom* open(LogSink* logSink, int timeoutMs, const std::function<void()>& missing);
 
     /// Opens the chip and, while `logSink` was never given an entry, loads the chip's entries into
     /// its recent-entry buffer. `logSink` is not owned and may be null.
@@ -35,6 +38,9 @@ public:
     /// Stores one entry, flushing the cache before when it has no room. What fails is reported; the
     /// entry is then in the recent-entry buffer only, unless header copy 0 was written.
     void append(std::int32_t priority, const std::uint64_t& time, const std::string& message);
+
+    /// Whether the last append of this object had no failure to report.
+    bool hasStored() const { return hasStored_; }
 
     /// Hands every entry to the sink, oldest first, and empties the cache. Returns 0, or -1 when
     /// the chip holds no valid header, its headers cannot be reset or there is no sink.
@@ -82,6 +88,7 @@ private:
     LogSink* const logSink;
     /// One record and a NUL behind it, or the zeros of a clear.
     const std::unique_ptr<std::uint8_t[]> buffer;
+    bool hasStored_ = false;
 };
 
 } // namespace qwk

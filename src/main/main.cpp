@@ -6,6 +6,7 @@
 
 #include "main/client.h"
 #include "main/daemon.h"
+#include "main/serviceStatus.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ void becomeDaemon() {
     if (!qwk::isDaemonRunning())
         qwk::runDaemon();
     std::puts("Server already running.");
+    qwk::ServiceStatus::giveWay();
 }
 
 void beClient(int argc, char** argv) {
