@@ -9,7 +9,6 @@ namespace qwk {
 namespace {
 
 constexpr int keepEnvironment = 0;
-constexpr std::uint64_t barrierMicroseconds = 5'000'000;
 
 // Local time, as in log lines.
 struct TimeText {
@@ -40,10 +39,8 @@ void ServiceStatus::failToStore() {
 }
 
 void ServiceStatus::giveWay() {
-    static_cast<void>(
-        sd_notify(keepEnvironment, "READY=1\nSTOPPING=1\nSTATUS=Another daemon runs already."));
-    // The manager must know it before it sees the end of the process.
-    static_cast<void>(sd_notify_barrier(keepEnvironment, barrierMicroseconds));
+    // The manager reads what a process has told before it looks at the end of that process.
+    static_cast<void>(sd_notify(keepEnvironment, "READY=1\nSTATUS=Another daemon runs already."));
 }
 
 void ServiceStatus::enter(State state) {

@@ -83,7 +83,8 @@ private:
 };
 
 // The board's chip at its place, and a cache over it whose every operation opens the device anew.
-class Board : public testing::Test {
+template<class Device, class Messages>
+class BoardOver : public testing::Test {
 protected:
     qwk::Eeprom cache() { return qwk::Eeprom("/dev/i2c-2", 0x50, &sink); }
     void append(const std::string& message) { cache().append(6, 0, message); }
@@ -123,11 +124,12 @@ protected:
         return all;
     }
 
-    SyslogCapture syslog;
+    Messages syslog;
     framEmulator::FramChip chip;
-    framEmulator::FramDevice device{"/dev/i2c-2", chip};
+    Device device{"/dev/i2c-2", chip};
     RecordingSink sink;
     File nowhere{std::fopen("/dev/null", "w"), std::fclose};
 };
+using Board = BoardOver<framEmulator::FramDevice, SyslogCapture>;
 
 } // namespace testSupport

@@ -32,6 +32,11 @@ Transfer FramChip::write(const uint8_t* data, size_t length, uint64_t opener) {
         plan.result = -EREMOTEIO;
     }
 
+    if (plan.losesPower && powerCut_->isReset && plan.bytes > 0) {
+        acceptByte(plan.bytes, 0xff);
+        plan.result = -EREMOTEIO;
+    }
+
     finish(transfer, plan);
     return transfer;
 }
@@ -134,7 +139,14 @@ void FramChip::cutPowerAfter(uint64_t bytes, TornByte torn, uint32_t seed) {
     if (bytes == 0)
         powered_ = false;
     else
-        powerCut_ = PowerCut{bytes, torn, std::mt19937(seed)};
+        powerCut_ = PowerCut{false, bytes, torn, std::mt19937(seed)};
+}
+
+void FramChip::resetMasterAfter(uint64_t bytes) {
+    cutPowerAfter(bytes);
+    const std::lock_guard lock(mutex_);
+    if (powerCut_)
+        powerCut_->isReset = true;
 }
 
 void FramChip::powerOn() {
