@@ -1,6 +1,6 @@
 // Long lives of a board, by chance and from a printed seed: appends of all sizes, flushes, clears,
 // restarts, power cuts, resets and bus faults, at any byte. A model says after every step what the
-// chip and the log must hold. QUILLWICK_CYCLES is the number of power cycles, 5000 without it.
+// chip and the log must hold. QUILLWICK_CYCLES is the number of power cycles, 2000 without it.
 
 #include <chrono>
 #include <cstdlib>
@@ -400,7 +400,7 @@ protected:
 
 TEST_F(LifeTest, keepsEveryPromise) {
     const char* wanted = std::getenv("QUILLWICK_CYCLES");
-    const auto cycles = static_cast<std::uint32_t>(wanted != nullptr ? std::stoul(wanted) : 5000);
+    const auto cycles = static_cast<std::uint32_t>(wanted != nullptr ? std::stoul(wanted) : 2000);
     constexpr std::uint32_t cyclesOfALife = 100, seeds = 99999;
     const auto chosen = static_cast<std::uint32_t>(testing::GTEST_FLAG(random_seed));
     const std::uint32_t first = chosen != 0 ? chosen : 1 + std::random_device()() % seeds;
