@@ -69,7 +69,8 @@ int main(int argc, char** argv) {
     const std::pair<const char*, void (*)()> groups[] = {
         {"journal", bench::measureJournal}, {"chip", bench::measureChip},
         {"lines", bench::measureLines},     {"delivery", bench::measureDelivery},
-        {"daemon", bench::measureDaemon},   {"latency", bench::measureLatency}};
+        {"daemon", bench::measureDaemon},   {"latency", bench::measureLatency},
+        {"faults", bench::measureFaults}};
     try {
         printHead();
         for (const auto& [name, measure] : groups)

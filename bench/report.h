@@ -61,5 +61,6 @@ void measureLines();
 void measureDelivery();
 void measureDaemon();
 void measureLatency();
+void measureFaults();
 
 } // namespace bench

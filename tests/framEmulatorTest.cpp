@@ -66,6 +66,21 @@ TEST(FramChipTest, losesPowerAfterAnyByteOfTheTraffic) {
     }
 }
 
+TEST(FramChipTest, takesOneMoreByteAfterAResetOfItsMaster) {
+    for (unsigned at = 0; at <= 21; ++at) {
+        FramChip chip;
+        const Bytes written = writeTransfer(0x200, 18);
+        chip.resetMasterAfter(at);
+        EXPECT_EQ(chip.write(written.data(), 20).result, at == 21 ? 20 : -EREMOTEIO);
+        const bool takesOneMore = at >= 2 && at <= 20;
+        for (unsigned i = 0; i <= 18; ++i)
+            EXPECT_EQ(chip.image()[0x200 + i], i + 2 < at && i < 18          ? 1 + i
+                                               : i + 2 == at && takesOneMore ? 0xff
+                                                                             : 0)
+                << at;
+    }
+}
+
 TEST_F(FramDeviceTest, passesEachCallOnAsOneTransferOfASharedChip) {
     Bus first, second(0x51);
     Bytes two(2), many(20000);

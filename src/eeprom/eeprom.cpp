@@ -27,18 +27,25 @@ void reportUnexpectedKey(const std::uint8_t* key) {
 
 } // namespace
 
-Mutex Eeprom::chipMutex_;
+FairMutex Eeprom::chipMutex_;
 
 Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs) {
+    const auto ignoreMissing = [] {};
+    return open(logSink, timeoutMs, ignoreMissing);
+}
+
+Eeprom* Eeprom::open(LogSink* logSink, int timeoutMs, const std::function<void()>& missing) {
     const std::int64_t interval = openRetryInterval.count();
     std::int64_t retries = (timeoutMs + interval / 2) / interval;
-    for (;;) {
+    for (bool isFirst = true;; isFirst = false) {
         auto eeprom = std::make_unique<Eeprom>(eepromDevicePath, eepromSlaveAddress, logSink);
         if (eeprom->fd >= 0)
             return eeprom.release();
         eeprom.reset();
         if (timeoutMs >= 0 && --retries < 0)
             return nullptr;
+        if (isFirst)
+            missing();
         stopRequest().sleepFor(openRetryInterval);
         if (stopRequest().isRequested())
             return nullptr;
@@ -51,7 +58,7 @@ Eeprom::Eeprom(const std::string& device, int slaveAddress, LogSink* sink)
     size = chipSize;
     // Also for a device that did not open: its headers cannot be read, so nothing is loaded.
     if (logSink != nullptr) {
-        const Held<Mutex> chip(chipMutex_);
+        const Held<FairMutex> chip(chipMutex_);
         load();
     }
 }
@@ -78,7 +85,7 @@ void Eeprom::load() {
 }
 
 void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std::string& message) {
-    const Held<Mutex> chip(chipMutex_);
+    const Held<FairMutex> chip(chipMutex_);
     std::uint32_t end = entryAreaStart;
     std::uint32_t count = 0;
     std::uint32_t nextId = 0;
@@ -103,13 +110,14 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
         logSink->addToCache(nextId, priority, time, message);
     }
     // The record first, then copy 0: at a power cut the headers never cover half a record.
-    if (writeLogEntry(end, priority, time, message) != 0 ||
-        writeHeaders({end + length, count + 1, nextId + 1}) != 0)
+    hasStored_ = writeLogEntry(end, priority, time, message) == 0 &&
+                 writeHeaders({end + length, count + 1, nextId + 1}) == 0;
+    if (!hasStored_)
         report(LOG_ERR, "Writing log to FRAM cache failed.");
 }
 
 int Eeprom::flush() {
-    const Held<Mutex> chip(chipMutex_);
+    const Held<FairMutex> chip(chipMutex_);
     return flushLocked();
 }
 
@@ -151,7 +159,7 @@ int Eeprom::resetHeaders(std::uint32_t nextId) {
 }
 
 int Eeprom::clear() {
-    const Held<Mutex> chip(chipMutex_);
+    const Held<FairMutex> chip(chipMutex_);
     if (logSink == nullptr)
         return wipe();
     const Held<LogSink> held(*logSink);
@@ -171,7 +179,7 @@ int Eeprom::wipe() {
 int Eeprom::hexDump(std::FILE* out) {
     Image image;
     {
-        const Held<Mutex> chip(chipMutex_);
+        const Held<FairMutex> chip(chipMutex_);
         if (readImage(image) != 0)
             return -1;
     }

@@ -2,12 +2,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "boardSupport/eepromBase.h"
 #include "eeprom/framLayout.h"
 #include "logger/logSink.h"
+#include "support/fairMutex.h"
 #include "support/threadSafety.h"
 
 namespace qwk {
@@ -25,6 +27,8 @@ public:
     /// for ever when `timeoutMs` is negative. Returns the object, which the caller deletes; null
     /// after the time-out, or when the daemon is asked to stop before the device opened.
     static Eeprom* open(LogSink* logSink, int timeoutMs);
+    /// The same; calls `missing` once, when the first try has failed and more follow.
+    static Eeprom* open(LogSink* logSink, int timeoutMs, const std::function<void()>& missing);
 
     /// Opens the chip and, while `logSink` was never given an entry, loads the chip's entries into
     /// its recent-entry buffer. `logSink` is not owned and may be null; its lock is taken and given
@@ -35,6 +39,9 @@ public:
     /// Stores one entry, flushing the cache before when it has no room. A failure is reported; the
     /// entry is then in the recent-entry buffer only, unless header copy 0 was written.
     void append(std::int32_t priority, const std::uint64_t& time, const std::string& message);
+
+    /// Whether the last append of this object had no failure to report.
+    bool hasStored() const { return hasStored_; }
 
     /// Hands every entry to the sink, oldest first, and empties the cache. Returns 0, or -1 when
     /// the chip holds no valid header, its headers cannot be reset or there is no sink.
@@ -48,7 +55,8 @@ public:
     int hexDump(std::FILE* out);
 
 private:
-    static Mutex chipMutex_;
+    /// Fair, because a chip that does not answer keeps the main loop in it for seconds at a time.
+    static FairMutex chipMutex_;
 
     void load() QWK_REQUIRES(chipMutex_);
     int flushLocked() QWK_REQUIRES(chipMutex_);
@@ -83,6 +91,7 @@ private:
     LogSink* const logSink;
     /// One record and a NUL after it, or the zeros of a clear.
     const std::unique_ptr<std::uint8_t[]> buffer;
+    bool hasStored_ = false;
 };
 
 } // namespace qwk

@@ -112,8 +112,14 @@ int Journal::waitForChanges() {
 
 int Journal::beginWatch() {
     // libsystemd would watch nothing, and for good, while the folder is missing.
-    while (access(journalFolderPath, F_OK) != 0 && !stopRequest().isRequested())
+    bool waits = false;
+    while (access(journalFolderPath, F_OK) != 0 && !stopRequest().isRequested()) {
+        if (!std::exchange(waits, true))
+            folderObserver_(true);
         stopRequest().sleepFor(folderRetryInterval);
+    }
+    if (waits)
+        folderObserver_(false);
     const int descriptor = sd_journal_get_fd(journal_.get());
     if (descriptor >= 0)
         descriptor_ = descriptor;

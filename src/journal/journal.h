@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <systemd/sd-journal.h>
@@ -29,6 +31,12 @@ public:
     /// unusable, the journal fails or the daemon is asked to stop. The out-parameters are set with
     /// 1 only. An entry for which -1 was returned is passed.
     int readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::string& text);
+
+    /// `observer` is called with true when readEntry finds the journal's folder missing and waits
+    /// for it, and with false when that wait is over.
+    void observeFolder(std::function<void(bool isMissing)> observer) {
+        folderObserver_ = std::move(observer);
+    }
 
 private:
     struct Free {
@@ -59,6 +67,7 @@ private:
     std::unique_ptr<sd_journal, CloseJournal> journal_;
     const std::unique_ptr<char, Free> buffer_;
     const int maxPriority_;
+    std::function<void(bool)> folderObserver_ = [](bool) {};
     /// The journal's descriptor, from the first wait on; -1 before.
     int descriptor_ = -1;
     /// The failure to get the descriptor was reported and lasts.

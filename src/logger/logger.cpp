@@ -9,6 +9,7 @@
 
 #include "logger/logFileRepair.h"
 #include "logger/logLine.h"
+#include "logger/recentEntries.h"
 #include "logger/sequenceIndex.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
@@ -58,6 +59,8 @@ void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint
     cache_ += formatLine(id, priority, time, message);
     report(LOG_DEBUG, "Adding [%08x] to cache (%d bytes).", id,
            static_cast<int>(cache_.size() - before));
+    if (dropOldestLines(cache_) && !std::exchange(dropReported_, true))
+        report(LOG_WARNING, "Too many recent entries, dropping the oldest.");
     lastId_ = id;
     ++entriesAdded_;
     cacheFilled_ = true;
@@ -67,6 +70,7 @@ void Logger::addToCache(std::uint32_t id, std::int32_t priority, const std::uint
 void Logger::clearCache() {
     report(LOG_DEBUG, "Cache cleared.");
     cache_.clear();
+    dropReported_ = false;
 }
 
 bool Logger::isCacheFilled() {

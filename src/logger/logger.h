@@ -106,6 +106,8 @@ private:
     std::string cache_ QWK_GUARDED_BY(this);
     std::mutex mutex_;
     bool cacheFilled_ QWK_GUARDED_BY(this) = false;
+    /// Lines were dropped from the front of cache_ since it was last empty.
+    bool dropReported_ QWK_GUARDED_BY(this) = false;
     std::uint32_t lastId_ QWK_GUARDED_BY(this) = 0;
     /// Notified after every addToCache and by endStreams.
     std::condition_variable cacheChanged_;

@@ -13,6 +13,7 @@
 #include "journal/journal.h"
 #include "journal/wakeUps.h"
 #include "logger/logger.h"
+#include "main/serviceStatus.h"
 #include "server/server.h"
 #include "support/diagnostics.h"
 #include "support/fileDescriptor.h"
@@ -70,19 +71,20 @@ void takeSignals() {
 
 // Opens the FRAM cache, however long its device takes to appear after a first warning. Null only
 // when the daemon is to stop.
-std::unique_ptr<Eeprom> openEeprom(int& timeoutMs) {
-    std::unique_ptr<Eeprom> eeprom(Eeprom::open(g_daemon.logger, timeoutMs));
+std::unique_ptr<Eeprom> openEeprom(int& timeoutMs, ServiceStatus& status) {
+    const auto deviceMissing = [&status] { status.waitForDevice(); };
+    std::unique_ptr<Eeprom> eeprom(Eeprom::open(g_daemon.logger, timeoutMs, deviceMissing));
     if (!eeprom && !stopRequest().isRequested()) {
         // The spelling stays: others match this text.
         report(LOG_WARNING, "Openening i2c bus for EEPROM timed out.");
         timeoutMs = withoutLimit;
-        eeprom.reset(Eeprom::open(g_daemon.logger, timeoutMs));
+        eeprom.reset(Eeprom::open(g_daemon.logger, timeoutMs, deviceMissing));
     }
     return eeprom;
 }
 
 // Moves entries from the journal to the FRAM cache until the daemon is to stop.
-void mainLoop() {
+void mainLoop(ServiceStatus& status) {
     std::int32_t priority = 0;
     std::uint64_t timestamp = 0;
     std::string text;
@@ -93,8 +95,13 @@ void mainLoop() {
             stopRequest().sleepFor(journalRetryInterval);
         if (result != 1)
             continue;
-        if (const auto eeprom = openEeprom(openTimeoutMs))
+        if (const auto eeprom = openEeprom(openTimeoutMs, status)) {
             eeprom->append(priority, timestamp, text);
+            if (eeprom->hasStored())
+                status.store();
+            else
+                status.failToStore();
+        }
     }
 }
 
@@ -125,7 +132,16 @@ void runDaemon() {
     static_cast<void>(stopRequest()); // made before the handler can use it
     createObjects(std::move(wakeUps));
     takeSignals();
-    mainLoop();
+    ServiceStatus status;
+    g_daemon.journal->observeFolder([&status](bool isMissing) {
+        if (isMissing)
+            status.waitForJournal();
+        else
+            status.store();
+    });
+    status.ready();
+    mainLoop(status);
+    status.stopping();
     tearDown();
 }
 

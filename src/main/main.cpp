@@ -5,6 +5,7 @@
 
 #include "main/client.h"
 #include "main/daemon.h"
+#include "main/serviceStatus.h"
 #include "main/singleInstance.h"
 #include "support/signals.h"
 
@@ -23,6 +24,7 @@ void becomeDaemon() {
     if (!qwk::isDaemonRunning())
         qwk::runDaemon();
     std::puts("Server already running.");
+    qwk::ServiceStatus::giveWay();
 }
 
 void beClient(int argc, char** argv) {

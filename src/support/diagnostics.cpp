@@ -3,17 +3,34 @@
 #include <cerrno>
 #include <cstdarg>
 #include <system_error>
+#include <type_traits>
+
+#include "support/messageLimiter.h"
 
 namespace qwk {
+
+namespace {
+
+// Constant from the start and without a destructor: threads report until the process has ended.
+MessageLimiter limiter;
+static_assert(std::is_trivially_destructible_v<MessageLimiter>);
+
+} // namespace
 
 void report(int severity, const char* format, ...) {
     if (severity > diagnosticLevel)
         return;
     const int keptErrno = errno;
-    va_list arguments;
-    va_start(arguments, format);
-    vsyslog(LOG_DAEMON | severity, format, arguments);
-    va_end(arguments);
+    const auto verdict = limiter.admit(format, MessageLimiter::Clock::now());
+    if (verdict.heldBack > 0)
+        syslog(LOG_DAEMON | severity, "%u messages like the next one were suppressed.",
+               verdict.heldBack);
+    if (verdict.isLetThrough) {
+        va_list arguments;
+        va_start(arguments, format);
+        vsyslog(LOG_DAEMON | severity, format, arguments);
+        va_end(arguments);
+    }
     errno = keptErrno;
 }
 

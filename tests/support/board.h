@@ -83,9 +83,9 @@ private:
     std::mutex mutex_;
 };
 
-/// The board's chip at its place, and a FRAM cache over it whose every operation opens the device
-/// anew.
-class Board : public testing::Test {
+/// The board's chip at its place, and a cache over it whose every operation opens the device anew.
+template<class Device, class Messages>
+class BoardOver : public testing::Test {
 protected:
     qwk::Eeprom openEeprom() {
         return qwk::Eeprom(qwk::eepromDevicePath, qwk::eepromSlaveAddress, &sink);
@@ -128,11 +128,12 @@ protected:
         return all;
     }
 
-    SyslogCapture syslog;
+    Messages syslog;
     framEmulator::FramChip chip;
-    framEmulator::FramDevice device{qwk::eepromDevicePath, chip};
+    Device device{qwk::eepromDevicePath, chip};
     RecordingSink sink;
     File devNull{std::fopen("/dev/null", "w"), std::fclose};
 };
+using Board = BoardOver<framEmulator::FramDevice, SyslogCapture>;
 
 } // namespace testSupport

@@ -32,6 +32,11 @@ Transfer FramChip::write(const std::uint8_t* data, std::size_t length, std::uint
         plan.result = -EREMOTEIO;
     }
 
+    if (plan.losesPower && powerCut_->isReset && plan.bytes > 0) {
+        acceptByte(plan.bytes, 0xFF);
+        plan.result = -EREMOTEIO;
+    }
+
     finish(transfer, plan);
     return transfer;
 }
@@ -135,7 +140,14 @@ void FramChip::cutPowerAfter(std::uint64_t bytes, TornByte torn, std::uint32_t s
     if (bytes == 0)
         powered_ = false;
     else
-        powerCut_ = PowerCut{bytes, torn, std::mt19937(seed)};
+        powerCut_ = PowerCut{false, bytes, torn, std::mt19937(seed)};
+}
+
+void FramChip::resetMasterAfter(uint64_t bytes) {
+    cutPowerAfter(bytes);
+    const std::lock_guard lock(mutex_);
+    if (powerCut_)
+        powerCut_->isReset = true;
 }
 
 void FramChip::powerOn() {

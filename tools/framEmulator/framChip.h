@@ -73,7 +73,13 @@ public:
     /// unless that byte was stored torn; otherwise it fails, as all do until powerOn().
     void cutPowerAfter(std::uint64_t bytes, TornByte torn = TornByte::newValue,
                        std::uint32_t seed = 1);
-    /// Ends a power cut, or disarms one to come; after a cut the address counter is 0.
+    /// The bus master is reset after `bytes` more bytes on the wire, while the chip keeps its
+    /// supply, and then recovers the bus by clock pulses. A transfer that these bytes end in, also
+    /// at its last byte, was not stopped: it fails, and a write takes one more byte, 0xFF. All
+    /// transfers fail from there on, until powerOn(). 0: the reset comes at once, between two
+    /// transfers.
+    void resetMasterAfter(std::uint64_t bytes);
+    /// Ends a power cut or reset, or disarms one to come; after a cut the address counter is 0.
     void powerOn();
     bool isPowered() const;
     /// Every open of the device fails with `error`; 0 lets them succeed again.
@@ -97,6 +103,7 @@ public:
 
 private:
     struct PowerCut {
+        bool isReset; // of the master; the chip keeps its supply
         std::uint64_t bytesLeft;
         TornByte torn;
         std::mt19937 random;
