@@ -262,7 +262,7 @@ TEST_F(DecodeTest, allFormsOfAFileGiveTheSameImageAndOthersAreRefused) {
     }
 }
 
-TEST(EntryTextTest, aTerminalGetsNoCommands) {
+TEST_F(DecodeTest, aTerminalGetsNoCommands) {
     const std::pair<std::string, std::string> cases[] = {
         {"plain\ttext\n", "plain\ttext\n"},
         {"\x1b[2J\r\a\x7f", "\\x1b[2J\\x0d\\x07\\x7f"},

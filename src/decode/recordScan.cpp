@@ -54,11 +54,11 @@ private:
     }
 
     bool isRecord(std::uint32_t at) const {
-        if (!hasHead(at))
+        if (!hasHead(at) || !hasEntryKey(&image_[at]))
             return false;
         const Head fields = head(at);
-        return fields.keyIsRight && fields.sizeIsPossible && fields.priorityIsPossible &&
-               fields.timeIsPossible && (isFilled_ || !endsEarly(at, fields.size));
+        return fields.sizeIsPossible && fields.priorityIsPossible && fields.timeIsPossible &&
+               (isFilled_ || !endsEarly(at, fields.size));
     }
 
     // A zero byte in a message was there before the record, whose writing was cut off.

@@ -32,17 +32,17 @@ static void requireInImage(const Image& image, const std::vector<NumberedEntry>&
 static void requireAsDaemon(const Image& image, const std::vector<NumberedEntry>& shown) {
     const Header header = decodeHeader(image.data());
     std::uint32_t at = entryAreaStart;
-    std::size_t index = 0;
+    std::uint32_t count = 0;
     const auto canRead = [&] {
         return at + minEntrySize <= header.end && hasEntryKey(&image[at]) &&
                klvLength(&image[at]) >= minEntrySize && klvLength(&image[at]) <= maxEntrySize;
     };
     for (; canRead(); at += klvLength(&image[at]))
-        ++index;
+        ++count;
     if (at != header.end)
         return;
-    require(shown.size() == index);
-    for (std::size_t i = 0; i < index; ++i)
+    require(shown.size() == count);
+    for (std::uint32_t i = 0; i < count; ++i)
         require(shown[i].certainty == Certainty::certain &&
                 shown[i].id == header.nextId - header.count + i);
 }
