@@ -31,23 +31,6 @@ const char* fieldName(Flaw flaw) {
     return flaw == Flaw::key ? "key" : flaw == Flaw::length ? "length" : "time";
 }
 
-// Gives the records the numbers that end with `lastId`.
-std::vector<NumberedEntry> numberBackwards(const std::vector<Record>& records, std::uint32_t lastId,
-                                           Certainty certainty) {
-    std::vector<NumberedEntry> entries;
-    std::uint32_t id = lastId - static_cast<std::uint32_t>(records.size());
-    for (const Record& record : records)
-        entries.push_back({record.address, certainty, ++id, record.entry});
-    return entries;
-}
-
-std::vector<NumberedEntry> withoutNumbers(const std::vector<Record>& records) {
-    std::vector<NumberedEntry> entries;
-    for (const Record& record : records)
-        entries.push_back({record.address, Certainty::unknown, 0, record.entry});
-    return entries;
-}
-
 // Where all records of a cache are there, a gap is the end of the record before it.
 void joinGaps(Scan& scan, const Image& image) {
     std::vector<Gap> left;
@@ -65,34 +48,6 @@ void joinGaps(Scan& scan, const Image& image) {
         decodeEntry(&image[record->address], record->size, record->entry);
     }
     scan.gaps = left;
-}
-
-// The records that a header covers, with their numbers. Those before the first gap are counted from
-// the first one, those after the last gap from the last one. Between two gaps the numbers are known
-// when each gap takes the place of one record.
-std::vector<NumberedEntry> numberCovered(const Scan& scan, const Header& header,
-                                         Certainty certainty) {
-    const std::uint32_t firstId = header.nextId - header.count;
-    const auto found = static_cast<std::uint32_t>(scan.records.size());
-    const auto gaps = static_cast<std::uint32_t>(scan.gaps.size());
-    const bool eachGapIsOneRecord = found + gaps == header.count;
-
-    std::vector<NumberedEntry> entries;
-    std::uint32_t passedGaps = 0;
-    for (const Record& record : scan.records) {
-        while (passedGaps < gaps && scan.gaps[passedGaps].from < record.address)
-            ++passedGaps;
-        const auto index = static_cast<std::uint32_t>(entries.size());
-        if (passedGaps == 0 || eachGapIsOneRecord)
-            entries.push_back(
-                {record.address, certainty, firstId + index + passedGaps, record.entry});
-        else if (passedGaps == gaps)
-            entries.push_back(
-                {record.address, certainty, header.nextId - found + index, record.entry});
-        else
-            entries.push_back({record.address, Certainty::unknown, 0, record.entry});
-    }
-    return entries;
 }
 
 class ImageReader {
@@ -132,10 +87,9 @@ private:
                 contents_.damage.push_back(
                     sentence("Header copy %u is damaged; copy %u counts.", copy, 1 - copy));
         if (!valid[0] && !valid[1])
-            return guessHeader();
+            return mendHeader() || adoptHeadersThatAgree();
         // As the daemon does: copy 0 is written first and is never the older one.
         state_ = decodeHeader(copyAt(valid[0] ? 0 : 1));
-        certainty_ = Certainty::certain;
         if (valid[0] && valid[1] && !std::equal(copyAt(0), copyAt(1), copyAt(1))) {
             older_ = decodeHeader(copyAt(1));
             contents_.damage.push_back(
@@ -146,10 +100,8 @@ private:
         return true;
     }
 
-    // What two damaged copies still tell. One whose checksum is right once its key and size are put
-    // back has all its numbers. Where both have the end and count that the records have, and the
-    // same next number, that is most likely right.
-    bool guessHeader() {
+    // A copy whose checksum is right once its key and size are put back has all its numbers.
+    bool mendHeader() {
         for (const unsigned copy : {0U, 1U}) {
             const Header header = decodeHeader(copyAt(copy));
             const auto mended = encodeHeader(header);
@@ -158,16 +110,22 @@ private:
             contents_.damage.push_back(
                 sentence("Both header copies are damaged. Copy %u lost only its key.", copy));
             state_ = header;
-            certainty_ = Certainty::certain;
             return true;
         }
-        state_ = decodeHeader(copyAt(0));
-        certainty_ = Certainty::about;
-        if (decodeHeader(copyAt(1)).nextId != state_.nextId || !fitsRecords(state_) ||
-            !fitsRecords(decodeHeader(copyAt(1))))
+        return false;
+    }
+
+    // Two copies without a right checksum that have the end and count of the records, and the same
+    // next number, are most likely right.
+    bool adoptHeadersThatAgree() {
+        const Header copies[2] = {decodeHeader(copyAt(0)), decodeHeader(copyAt(1))};
+        if (copies[0].nextId != copies[1].nextId || !fitsRecords(copies[0]) ||
+            !fitsRecords(copies[1]))
             return false;
         contents_.damage.emplace_back("Both header copies are damaged. They fit the entries and "
                                       "agree on the numbers, which are likely to be right.");
+        state_ = copies[0];
+        certainty_ = Certainty::about;
         return true;
     }
 
@@ -267,8 +225,7 @@ private:
         Section section;
         section.title = sentence("Left by earlier flushes at 0x%04x: %s", run.front().address,
                                  entryCount(run.size()).c_str());
-        section.entries = hasNumbers ? numberBackwards(run, beforeRemains_, Certainty::about)
-                                     : withoutNumbers(run);
+        section.entries = hasNumbers ? numberBackwards(run, beforeRemains_) : withoutNumbers(run);
         contents_.remains.push_back(section);
     }
 
@@ -321,7 +278,7 @@ private:
     const Image& image_;
     Contents contents_;
     Header state_{};
-    Certainty certainty_ = Certainty::unknown;
+    Certainty certainty_ = Certainty::certain;
     std::optional<Header> older_;
     std::uint32_t remainsAt_ = 0;     // address
     std::uint32_t beforeRemains_ = 0; // number of the last entry of the fill before

@@ -1,23 +1,12 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "decode/imageFile.h"
-#include "eeprom/framLayout.h"
+#include "decode/numbering.h"
 
 namespace qwk::decode {
-
-/// How far the number of an entry can be relied upon.
-enum class Certainty { unknown, about, certain };
-
-struct NumberedEntry {
-    std::uint32_t address;
-    Certainty certainty;
-    std::uint32_t id; // 0 when unknown
-    framLayout::Entry entry;
-};
 
 /// Entries that are not in the cache, or no longer.
 struct Section {
