@@ -45,7 +45,7 @@ void joinGaps(Scan& scan, const Image& image) {
         }
         record->size = gap.to - record->address;
         record->flaw = Flaw::length;
-        decodeEntry(&image[record->address], record->size, record->entry);
+        record->entry = entryOfSize(&image[record->address], record->size);
     }
     scan.gaps = left;
 }
@@ -72,7 +72,9 @@ private:
     }
 
     bool isValid(unsigned copy) const {
-        return isValidHeader(copyAt(copy)) && isPossible(decodeHeader(copyAt(copy)));
+        const std::uint8_t* block = copyAt(copy);
+        return hasHeaderKey(block) && klvLength(block) == headerSize &&
+               storedCrc(block) == computedCrc(block) && isPossible(decodeHeader(block));
     }
 
     static bool isPossible(const Header& header) {

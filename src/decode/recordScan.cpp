@@ -9,7 +9,7 @@ using namespace framLayout;
 
 namespace {
 
-constexpr std::uint8_t highestPriority = 7;
+constexpr std::int32_t highestPriority = 7;
 // 2106-02-07. The earliest time is 0: a board without a clock of its own starts in 1970.
 constexpr std::uint64_t timeLimit = (std::uint64_t{1} << 32) * 1'000'000;
 
@@ -48,9 +48,10 @@ private:
     Head head(std::uint32_t at) const {
         const std::uint8_t* record = &image_[at];
         const std::uint32_t size = klvLength(record);
+        const Entry entry = entryOfSize(record, minEntrySize); // without its message
         return {hasEntryKey(record),
                 size >= minEntrySize && size <= maxEntrySize && at + size <= to_,
-                record[priorityAt] <= highestPriority, entryTime(record) < timeLimit, size};
+                entry.priority <= highestPriority, entry.time < timeLimit, size};
     }
 
     bool isRecord(std::uint32_t at) const {
@@ -116,9 +117,7 @@ private:
     }
 
     Record record(std::uint32_t at, std::uint32_t size, Flaw flaw) const {
-        Record found{at, size, flaw, {}};
-        decodeEntry(&image_[at], size, found.entry);
-        return found;
+        return {at, size, flaw, entryOfSize(&image_[at], size)};
     }
 
     const Image& image_;
@@ -127,6 +126,16 @@ private:
 };
 
 } // namespace
+
+Entry entryOfSize(const std::uint8_t* record, std::uint32_t size) {
+    std::array<std::uint8_t, maxEntrySize> copy;
+    std::copy_n(record, size, copy.begin());
+    copy[lengthAt] = static_cast<std::uint8_t>(size >> 8);
+    copy[lengthAt + 1] = static_cast<std::uint8_t>(size);
+    Entry entry;
+    decodeEntry(copy.data(), entry);
+    return entry;
+}
 
 Scan scanRecords(const Image& image, std::uint32_t from, std::uint32_t to, AreaEnd end) {
     return Scanner(image, to, end).scan(from);

@@ -30,6 +30,10 @@ struct Scan {
     std::vector<Gap> gaps;
 };
 
+/// The entry in the `size` bytes at `record`, minEntrySize to maxEntrySize, whatever its length
+/// field says.
+framLayout::Entry entryOfSize(const std::uint8_t* record, std::uint32_t size);
+
 /// What is known about the end of an area.
 enum class AreaEnd {
     lastRecord, // the last record ends exactly there, and records fill the area without a gap

@@ -59,11 +59,6 @@ std::uint32_t storedCrc(const std::uint8_t* block) {
     return get32(block + crcAt);
 }
 
-bool isValidHeader(const std::uint8_t* block) {
-    return hasHeaderKey(block) && klvLength(block) == headerSize &&
-           storedCrc(block) == computedCrc(block);
-}
-
 Header decodeHeader(const std::uint8_t* block) {
     return {get16(block + endAt), get16(block + countAt), get32(block + nextIdAt)};
 }
@@ -79,18 +74,10 @@ std::array<std::uint8_t, headerSize> encodeHeader(const Header& header) {
 }
 
 void decodeEntry(const std::uint8_t* record, Entry& entry) {
-    decodeEntry(record, klvLength(record), entry);
-}
-
-void decodeEntry(const std::uint8_t* record, std::uint32_t length, Entry& entry) {
     entry.priority = record[priorityAt];
-    entry.time = entryTime(record);
+    entry.time = getNumber(record + timeAt, 8);
     const auto* text = reinterpret_cast<const char*>(record + messageAt);
-    entry.message.assign(text, strnlen(text, length - messageAt));
-}
-
-std::uint64_t entryTime(const std::uint8_t* record) {
-    return getNumber(record + timeAt, 8);
+    entry.message.assign(text, strnlen(text, klvLength(record) - messageAt));
 }
 
 std::uint32_t encodeEntry(std::uint8_t* record, std::int32_t priority, std::uint64_t time,

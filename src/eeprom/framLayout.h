@@ -65,21 +65,12 @@ std::uint32_t klvLength(const std::uint8_t* klv);
 std::uint32_t computedCrc(const std::uint8_t* block);
 std::uint32_t storedCrc(const std::uint8_t* block);
 
-/// Whether the header block at `block` has its key, its size and the right checksum.
-bool isValidHeader(const std::uint8_t* block);
-
 Header decodeHeader(const std::uint8_t* block);
 std::array<std::uint8_t, headerSize> encodeHeader(const Header& header);
 
 /// Reads the entry record at `record`, whose length field lies within the buffer and is at least
 /// minEntrySize. The message ends at the record's end or at its first NUL byte.
 void decodeEntry(const std::uint8_t* record, Entry& entry);
-
-/// The same for a record of `length` bytes, at least minEntrySize, whatever its length field says.
-void decodeEntry(const std::uint8_t* record, std::uint32_t length, Entry& entry);
-
-/// The time field of the entry record at `record`.
-std::uint64_t entryTime(const std::uint8_t* record);
 
 /// Writes the record into `record`, which has room for maxEntrySize bytes; returns its length.
 std::uint32_t encodeEntry(std::uint8_t* record, std::int32_t priority, std::uint64_t time,

@@ -65,7 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     requireInImage(image, contents.entries);
     for (const Section& section : contents.remains)
         requireInImage(image, section.entries);
-    if (isValidHeader(image.data()) && decodeHeader(image.data()).end <= chipSize)
+    if (hasHeaderKey(image.data()) && klvLength(image.data()) == headerSize &&
+        storedCrc(image.data()) == computedCrc(image.data()) &&
+        decodeHeader(image.data()).end <= chipSize)
         requireAsDaemon(image, contents.entries);
     const std::string text = harmless(entriesText(contents.entries, qwk::TimeZone::utc) +
                                       sectionsText(contents.remains, qwk::TimeZone::utc) + file);
