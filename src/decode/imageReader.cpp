@@ -182,7 +182,7 @@ private:
     // The bytes after the cache's end were written by earlier fills, which a flush leaves as they
     // are. The first run of records is the end of the fill before this one, unless that one was
     // shorter than this one: its numbers are no more than likely. A run whose end does not show,
-    // because an older record follows right there or the clock was put back, gets none.
+    // because an older record follows right there, gets none.
     void readRemains() {
         std::vector<Record> left =
             scanRecords(image_, remainsAt_, chipSize, AreaEnd::unknown).records;
@@ -196,11 +196,10 @@ private:
         }
         bool isFirst = true;
         for (auto next = left.begin(); next != left.end(); isFirst = false) {
-            const auto end = std::adjacent_find(next, left.end(), beginsOlderRun);
-            const std::vector<Record> run(next, end == left.end() ? end : end + 1);
-            const auto after = next + static_cast<std::ptrdiff_t>(run.size());
-            addRun(run, isFirst && (after == left.end() || !follows(run.back(), *after)));
-            next = after;
+            const auto start = next++;
+            while (next != left.end() && continuesRun(*start, *(next - 1), *next))
+                ++next;
+            addRun({start, next}, isFirst && (next == left.end() || !follows(*(next - 1), *next)));
         }
     }
 
@@ -215,9 +214,10 @@ private:
                                          : time > contents_.entries.back().entry.time;
     }
 
-    // Other bytes between two records, or a step back in time, part what two fills left.
-    static bool beginsOlderRun(const Record& last, const Record& next) {
-        return !follows(last, next) || next.entry.time < last.entry.time;
+    // Within a fill, times step back where the daemon was restarted and read the journal from its
+    // oldest entry again, but hardly to before the first of the run.
+    static bool continuesRun(const Record& first, const Record& last, const Record& next) {
+        return follows(last, next) && next.entry.time >= first.entry.time;
     }
     static bool follows(const Record& last, const Record& next) {
         return next.address == last.address + last.size;
