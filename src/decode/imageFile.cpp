@@ -15,7 +15,7 @@ namespace {
 using framLayout::chipSize;
 
 // Several times the longest form of an image; whatever is longer is not read to its end.
-constexpr std::size_t maxFileSize = 256 * 1024;
+constexpr std::size_t maxFileSize = 262144;
 
 constexpr std::size_t dumpLineBytes = 16;
 constexpr std::string_view blanks = " \t\r\n";

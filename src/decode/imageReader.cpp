@@ -89,7 +89,7 @@ private:
                 contents_.damage.push_back(
                     sentence("Header copy %u is damaged; copy %u counts.", copy, 1 - copy));
         if (!valid[0] && !valid[1])
-            return mendHeader() || adoptHeadersThatAgree();
+            return mendHeader(0) || mendHeader(1) || adoptHeadersThatAgree();
         // As the daemon does: copy 0 is written first and is never the older one.
         state_ = decodeHeader(copyAt(valid[0] ? 0 : 1));
         if (valid[0] && valid[1] && !std::equal(copyAt(0), copyAt(1), copyAt(1))) {
@@ -103,18 +103,15 @@ private:
     }
 
     // A copy whose checksum is right once its key and size are put back has all its numbers.
-    bool mendHeader() {
-        for (const unsigned copy : {0U, 1U}) {
-            const Header header = decodeHeader(copyAt(copy));
-            const auto mended = encodeHeader(header);
-            if (storedCrc(mended.data()) != storedCrc(copyAt(copy)) || !isPossible(header))
-                continue;
-            contents_.damage.push_back(
-                sentence("Both header copies are damaged. Copy %u lost only its key.", copy));
-            state_ = header;
-            return true;
-        }
-        return false;
+    bool mendHeader(unsigned copy) {
+        const Header header = decodeHeader(copyAt(copy));
+        const auto mended = encodeHeader(header);
+        if (storedCrc(mended.data()) != storedCrc(copyAt(copy)) || !isPossible(header))
+            return false;
+        contents_.damage.push_back(
+            sentence("Both header copies are damaged. Copy %u lost only its key or size.", copy));
+        state_ = header;
+        return true;
     }
 
     // Two copies without a right checksum that have the end and count of the records, and the same

@@ -40,6 +40,7 @@ std::vector<NumberedEntry> numberBackwards(const std::vector<Record>& records,
 
 std::vector<NumberedEntry> withoutNumbers(const std::vector<Record>& records) {
     std::vector<NumberedEntry> entries;
+    entries.reserve(records.size());
     for (const Record& record : records)
         entries.push_back({record.address, Certainty::unknown, 0, record.entry});
     return entries;
