@@ -13,8 +13,8 @@ namespace testSupport {
 // more. A field _BOOT_ID is added to each. Throws std::runtime_error.
 void writeJournal(const std::vector<std::string>& entries);
 
-// The socket to which the journal daemon forwards messages, with a queue as long as on a system that
-// systemd has booted.
+// The socket to which the journal daemon forwards messages. Its queue is as long as on a system
+// that systemd has booted. Throws std::system_error.
 Descriptor makeForwardingSocket();
 
 // The real journal daemon, with its sockets, serving the runtime journal of the sandbox. It stores
