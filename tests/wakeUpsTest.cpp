@@ -7,6 +7,7 @@
 #include <future>
 #include <poll.h>
 #include <sstream>
+#include <sys/ioctl.h>
 #include <thread>
 
 #include "journal/journal.h"
@@ -30,16 +31,6 @@ int sd_journal_next(sd_journal* journal) {
 
 namespace {
 
-sockaddr_un forwardingAddress() {
-    return {AF_UNIX, "/run/systemd/journal/syslog"};
-}
-
-void sendTo(const Descriptor& sender, const std::string& datagram) {
-    const sockaddr_un address = forwardingAddress();
-    sendto(sender.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
-           qwk::asSocketAddress(address), sizeof address);
-}
-
 std::vector<Descriptor> onlyA(Descriptor descriptor) {
     std::vector<Descriptor> all;
     all.push_back(std::move(descriptor));
@@ -48,15 +39,28 @@ std::vector<Descriptor> onlyA(Descriptor descriptor) {
 
 class WakeUpsTest : public System {
 protected:
-    void TearDown() override {
-        EXPECT_EQ(
-            run("/bin/journalctl", {"-o", "cat", "-t", "systemd-journald"}).output.find("missed"),
-            std::string::npos);
+    WakeUpsTest() {
+        const sockaddr_un address{AF_UNIX, "/run/systemd/journal/syslog"};
+        connect(sender.get(), qwk::asSocketAddress(address), sizeof address);
+    }
+    void forge(const std::string& datagram) {
+        send(sender.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
     }
     void logMore(int count) {
         for (; count > 0; --count) {
             texts.push_back("number " + std::to_string(texts.size()));
             journald.log(3, "test", texts.back());
+        }
+    }
+    // So that journald has never more messages in the queue than it holds, however busy this
+    // machine is. That the queue gets empty is what is expected, whatever the daemon is doing.
+    void logInBatches(int count) {
+        for (; count > 0; count -= queued) {
+            logMore(std::min(count, queued));
+            journald.sync();
+            int next = 0;
+            EXPECT_TRUE(eventually(
+                30s, [&] { return ioctl(forwarding.get(), FIONREAD, &next) == 0 && next == 0; }));
         }
     }
     // The number of looks in vain when no more have come for a second.
@@ -79,6 +83,7 @@ protected:
         EXPECT_EQ(stored, texts);
     }
 
+    static constexpr int queued = 150;
     Descriptor forwarding = makeForwardingSocket();
     const Descriptor sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     std::vector<std::string> texts;
@@ -89,15 +94,17 @@ protected:
 TEST_F(WakeUpsTest, rotationVacuumBurstsAndAMissingChipLoseAndRepeatNothing) {
     const auto daemon = startWithWakeUps(forwarding);
     for (int round = 0; round < 12; ++round) {
-        logMore(round % 4 == 3 ? 5000 : 20);
+        logInBatches(round % 4 == 3 ? 1000 : 20);
         journald.rotate();
         run("/bin/journalctl", {"--vacuum-files=4"}); // of files that were read long ago
         ASSERT_TRUE(arrives(texts.back()));
     }
     device.reset();
-    logMore(5000);
-    journald.sync();
+    logInBatches(1000);
+    EXPECT_EQ(run("/bin/journalctl", {"-o", "cat", "-t", "systemd-journald"}).output.find("missed"),
+              std::string::npos);
     device = std::make_unique<framEmulator::FramDevice>("/dev/i2c-2", chip);
+    logMore(10000);
     expectAll();
     EXPECT_EQ(daemon->end(), 0);
 }
@@ -117,7 +124,7 @@ TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
         while (!ends)
             for (const std::string& datagram :
                  {"<0>Jan  1 00:00:00 forged: text"s, ""s, std::string(100000, 'x')})
-                sendTo(sender, datagram);
+                forge(datagram);
     });
     for (int i = 0; i < 20; ++i) {
         logMore(50);
@@ -143,9 +150,11 @@ TEST_F(WakeUpsTest, aHintCausesLooksForHalfASecondOrUntilAnEntryCame) {
                    !qwk::stopRequest().isRequested()) {
             }
         });
+        for (int i = 0; isForged && i < 100; ++i)
+            forge("a flood, after which single hints count as before");
         const int atRest = looksAtRest();
         if (isForged) {
-            sendTo(sender, "<0>forged");
+            forge("<0>forged");
             EXPECT_TRUE(eventually(20s, [&] { return looksInVain == atRest + looksInAll; }));
             EXPECT_EQ(looksAtRest(), atRest + looksInAll);
         }

@@ -18,8 +18,8 @@ namespace qwk {
 class Journal {
 public:
     /// Opens the journal. When that fails it is reported, and every readEntry fails. Entries with a
-    /// priority number above `maxPriority` (0 emergency to 7 debug) are passed over. `wakeUps`
-    /// become readable when an entry is on its way; see WakeUps.
+    /// priority number above `maxPriority` (0 emergency to 7 debug) are not delivered. `wakeUps`
+    /// are descriptors that become readable when an entry is on its way; see WakeUps.
     explicit Journal(int maxPriority, std::vector<FileDescriptor> wakeUps = {});
     virtual ~Journal() = default;
 
@@ -29,7 +29,7 @@ public:
     /// Waits for the next entry. Returns 1 with its priority, its time stamp (microseconds since
     /// the Unix epoch) and its text; 0 when its priority is above the highest; -1 when the entry is
     /// unusable, the journal fails or the daemon is asked to stop. The out-parameters are set with
-    /// 1 only. An entry for which -1 was returned is passed.
+    /// 1 only. The next call continues with the next entry, also after -1.
     int readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::string& text);
 
     /// `observer` is called with true when readEntry finds the journal's folder missing and waits

@@ -105,10 +105,13 @@ private:
 
 std::vector<FileDescriptor> takeHandedOverDescriptors() {
     const int count = sd_listen_fds(1); // makes them close-on-exec
-    if (count < 0)
+    std::vector<FileDescriptor> descriptors;
+    if (count < 0) {
         report(LOG_WARNING, "Failed to take over wake-up descriptors: %s",
                errorText(-count).c_str());
-    std::vector<FileDescriptor> descriptors;
+        return descriptors;
+    }
+    descriptors.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
         descriptors.emplace_back(SD_LISTEN_FDS_START + i);
     return descriptors;

@@ -11,23 +11,22 @@
 
 namespace qwk {
 
-/// The descriptors that the service manager handed to this process, if any. Failing is reported. To
-/// be called before the process opens anything: a number that was announced and not handed over
-/// would be that of something else.
+/// The descriptors that the service manager handed to this process, if any. A failure is reported.
+/// Call it before the process opens anything: the manager may announce more than it hands over, and
+/// the surplus numbers would soon belong to something else.
 std::vector<FileDescriptor> takeHandedOverDescriptors();
 
 /// Hints that an entry is on its way into the journal. journald tells its readers of a new entry up
 /// to half a second late. But it forwards each message at once to a syslog socket, and the kernel's
 /// log shows each record at once. The service manager can hand over descriptors of both. Whatever
 /// becomes readable on them is read and thrown away: it is a reason to look at the journal, no
-/// more. A thread of its own does that, so that the descriptors stay empty whatever keeps the main
-/// thread busy. Without descriptors there is no thread, and every wait is as if this class did not
-/// exist.
+/// more. A thread of its own keeps the descriptors empty while the main thread is busy. Without
+/// descriptors there is no thread, and every wait is as if this class did not exist.
 ///
 /// The main thread alone uses an object.
 class WakeUps {
 public:
-    /// One that cannot be read is reported and left out. With any, the handled signals must be
+    /// Reports a descriptor that cannot be read and leaves it out. The handled signals must be
     /// blocked: the thread inherits that.
     explicit WakeUps(std::vector<FileDescriptor> descriptors);
     /// Returns when the thread has ended.
