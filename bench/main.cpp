@@ -65,12 +65,10 @@ int main(int argc, char** argv) {
     int count = 2;
     benchmark::Initialize(&count, arguments);
     const std::string only = argc > 1 ? argv[1] : "";
-    const std::pair<const char*, void (*)()> groups[] = {{"journal", bench::measureJournal},
-                                                         {"chip", bench::measureChip},
-                                                         {"lines", bench::measureLines},
-                                                         {"delivery", bench::measureDelivery},
-                                                         {"daemon", bench::measureDaemon},
-                                                         {"faults", bench::measureFaults}};
+    const std::pair<const char*, void (*)()> groups[] = {
+        {"journal", bench::measureJournal}, {"chip", bench::measureChip},
+        {"lines", bench::measureLines},     {"delivery", bench::measureDelivery},
+        {"daemon", bench::measureDaemon},   {"faults", bench::measureFaults}};
     try {
         printHead();
         for (const auto& [name, measure] : groups)

@@ -6,8 +6,8 @@
 
 namespace qwk {
 
-/// A mutex that is handed to its waiters in the order in which they came. With a plain one, a thread
-/// that unlocks and locks in a loop can keep all others out for as long as the loop lasts.
+/// A mutex that is handed to its waiters in the order in which they came. With a plain one, a
+/// thread that unlocks and locks in a loop can keep all others out for as long as the loop lasts.
 class FairMutex {
 public:
     void lock() {
