@@ -8,6 +8,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "support/diagnostics.h"
+
 namespace testSupport {
 namespace {
 
