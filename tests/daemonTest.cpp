@@ -1,6 +1,7 @@
 // The executable from outside: its modes, the way of an entry through a real journal and a stood-in
 // chip to the log file, restarts and what is missing.
 
+#include <algorithm>
 #include <sstream>
 
 #include "logger/sequenceNumber.h"
