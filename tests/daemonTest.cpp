@@ -1,6 +1,7 @@
 // The executable from outside: its modes, the way of an entry through a real journal and an
 // emulated chip to the log file, restarts and what is missing.
 
+#include <algorithm>
 #include <fcntl.h>
 #include <future>
 #include <sstream>

@@ -1,6 +1,7 @@
 // Many clients follow the log of the running daemon for as long as they like, through bursts,
 // flushes, rolls and dumps, and miss nothing. QUILLWICK_STREAM_SECONDS sets how long.
 
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 
