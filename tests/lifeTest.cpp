@@ -231,7 +231,7 @@ protected:
     // One life of a board, which begins with a new chip and an empty log file.
     void live(std::uint32_t seed, std::uint32_t cycles) {
         random.seed(seed);
-        said(); // which the model has no use for
+        takeDiagnostics(); // which the model has no use for
         chip.setImage({});
         sink.written.clear();
         model = {};
