@@ -82,12 +82,12 @@ void CursorFile::load(History& history) const {
         throw std::runtime_error('"' + path_ + "\" is no cursor file.");
 }
 
-bool CursorFile::save(const History& history, std::size_t unwritten) const {
+bool CursorFile::save(const History& history, std::size_t untaken) const {
     std::string text = firstLine;
     if (history.anchor())
         text += lineOf("anchor", *history.anchor());
     const auto& marks = history.marks();
-    for (std::size_t i = 0; i + unwritten < marks.size(); ++i)
+    for (std::size_t i = history.firstNeeded(untaken); i + untaken < marks.size(); ++i)
         text += lineOf("entry", marks[i]);
     text += lastLine;
 

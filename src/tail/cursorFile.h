@@ -17,8 +17,8 @@ public:
     /// cannot be read or is no cursor file.
     void load(History& history) const;
 
-    /// Writes it without the newest `unwritten` entries. False on failure: errno tells.
-    bool save(const History& history, std::size_t unwritten) const;
+    /// Writes it without the newest `untaken` entries. False on failure: errno tells.
+    bool save(const History& history, std::size_t untaken) const;
 
 private:
     const std::string path_;

@@ -8,8 +8,8 @@ namespace qwk::tail {
 
 namespace {
 
-// Twice the chip: some of the newest are not recorded while the output holds them back.
-constexpr std::uint32_t rememberedSize = 2 * framLayout::chipSize;
+// The chip, and what waits for the output's reader: 16 KiB in a pipe and a piece of 4 KiB.
+constexpr std::uint32_t rememberedSize = 4 * framLayout::chipSize;
 
 } // namespace
 
@@ -29,6 +29,13 @@ void History::add(const Mark& mark) {
         size_ -= marks_.front().size;
         marks_.pop_front();
     }
+}
+
+std::size_t History::firstNeeded(std::size_t untaken) const {
+    std::size_t index = marks_.size() - std::min(untaken, marks_.size());
+    for (std::uint32_t size = 0; index > 0 && size <= framLayout::chipSize;)
+        size += marks_[--index].size;
+    return index;
 }
 
 bool History::knows(const Entry& entry) const {

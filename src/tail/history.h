@@ -23,7 +23,7 @@ struct Mark {
 
 Mark markOf(const Entry& entry);
 
-/// The newest printed entries: at least as many as the chip can hold. An entry that comes later
+/// The newest printed entries: more than the chip can hold. An entry that comes later
 /// than they did cannot be in the chip, so the log is looked through from the newest of them that
 /// it still holds.
 class History {
@@ -42,6 +42,9 @@ public:
 
     /// Oldest first.
     const std::deque<Mark>& marks() const { return marks_; }
+    /// One more than the chip can hold of those before the newest `untaken`: the index of the
+    /// first.
+    std::size_t firstNeeded(std::size_t untaken) const;
 
 private:
     std::deque<Mark> marks_;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <deque>
 #include <string>
 
 #include "tail/entry.h"
@@ -12,15 +13,19 @@ namespace qwk::tail {
 /// all; one above PIPE_BUF bytes goes out alone and may be cut by a kill.
 class Output {
 public:
+    Output();
+
     /// Adds an entry; writes those before it when they fill a piece.
     void add(const Entry& entry);
     /// Writes what was added. It waits for a reader, but not when the program is to stop.
     void flush();
-
-    /// Entries that were added and are not written: the newest ones.
-    std::size_t unwritten() const { return unwritten_; }
-    /// Makes what was written last a power cut, where the output is a file.
+    /// Waits until a pipe's reader has read all, but not long when the program is to stop.
+    void drain();
+    /// Lets what was written last a power cut, where the output is a file.
     void sync() const;
+
+    /// The newest entries that nobody has: not written, or unread in a pipe.
+    std::size_t untaken();
 
     /// Nothing more will be written: the reader has gone or a stop is requested.
     bool isOver() const;
@@ -29,8 +34,13 @@ public:
     int error() const { return error_; }
 
 private:
+    std::size_t unreadBytes() const;
+
+    const bool isPipe_;
     std::string piece_;
     std::size_t unwritten_ = 0;
+    /// Bytes of each of the newest entries, oldest first: of those in piece_ and in the pipe.
+    std::deque<std::size_t> sizes_;
     int error_ = 0;
 };
 

@@ -32,7 +32,7 @@ constexpr auto retryInterval = 1s;
 // Text without an end is from a file and may come without one; then the daemon is asked.
 constexpr auto endInterval = 200ms;
 // A live stream can fall silent after `--clear`, so the daemon is asked now and then.
-constexpr auto silenceInterval = 5s;
+constexpr auto silenceInterval = 2s;
 
 int milliseconds(std::chrono::steady_clock::duration duration) {
     return static_cast<int>(
@@ -64,8 +64,11 @@ Tail::Tail(const Options& options, const Events& events)
 
 bool Tail::run() {
     catchUp();
-    if (options_.follow)
+    if (options_.follow) {
+        save(); // a kill soon after the start repeats none of what is past
         follow();
+    }
+    output_.drain();
     if (isUnsaved() || saveError_ != 0)
         save();
     if (output_.error() != 0)
@@ -277,20 +280,24 @@ bool Tail::takeNext(std::vector<Entry>& entries) {
 // --- The cursor file
 
 bool Tail::save() {
-    output_.sync();
     savedAt_ = Clock::now();
+    const std::size_t untaken = output_.untaken();
+    const std::uint64_t count = history_.added() - untaken;
+    if (!history_.isEmpty() && untaken >= history_.marks().size())
+        return true; // nobody has any of those that are remembered: the last file still holds
+    output_.sync();
     const int before = saveError_;
-    saveError_ = cursorFile_.save(history_, output_.unwritten()) ? 0 : errno;
+    saveError_ = cursorFile_.save(history_, untaken) ? 0 : errno;
     if (saveError_ == 0)
-        saved_ = printed();
+        saved_ = count;
     else if (before == 0)
         events_.failure("Cannot write \"" + options_.cursorFile + "\" (" + errorText(saveError_) +
-                        "); the next start will repeat entries.");
+                        "); the next start may repeat entries.");
     return saveError_ == 0;
 }
 
 void Tail::saveIfDue() {
-    if (isUnsaved() && Clock::now() >= savedAt_ + saveInterval)
+    if (Clock::now() >= savedAt_ + saveInterval && isUnsaved())
         save();
 }
 

@@ -55,8 +55,9 @@ private:
 
     bool save();
     void saveIfDue();
-    bool isUnsaved() const { return printed() != saved_; }
-    std::uint64_t printed() const { return history_.added() - output_.unwritten(); }
+    bool isUnsaved() { return taken() != saved_; }
+    /// Counts the entries that the output's reader has, with those of the cursor file.
+    std::uint64_t taken() { return history_.added() - output_.untaken(); }
 
     const Options options_;
     const Events& events_;
@@ -64,7 +65,7 @@ private:
     History history_;
     Output output_;
     Merger merger_;
-    /// Printed entries that the cursor file knows of, and when it was written.
+    /// How many of them the cursor file knows, and when it was written.
     std::uint64_t saved_ = 0;
     Clock::time_point savedAt_;
     int saveError_ = 0;
