@@ -145,6 +145,8 @@ TEST_F(TailTest, tellsOnceWhatIsWrongWithTheNumbers) {
          R"({"event":"repeated","from":"0000000a","to":"0000000c"})"},
         {"torn in the first line", lines(1, 12), lines(1, 12) + torn + lines(13, 14), lines(13, 14),
          ""},
+        {"numbers wrap", lines(UINT32_MAX - 1, UINT32_MAX), lines(UINT32_MAX - 1, 1), lines(0, 1),
+         ""},
         {"not written yet", lines(1, 9), lines(1, 10) + "[0000000b] 2026-01-31 12:00",
          lines(10, 10), ""},
     };
@@ -194,7 +196,7 @@ protected:
     void logSome(std::uint32_t count) {
         for (; count > 0; --count) {
             const std::uint32_t size =
-                random.oneIn(20) ? 300 + random.upTo(3000) : random.upTo(180);
+                random.oneIn(20) ? 300 + random.upTo(3000) : random.upTo(240);
             journald->log(3, "test",
                           qwk::sequenceTag(++sent) + (random.oneIn(10) ? "\n  more" : "") + ' ' +
                               std::string(size, 'x'));
@@ -258,6 +260,7 @@ TEST_F(StopTest, everyEntryIsPrintedOnceWhateverIsStoppedAndWhen) {
     const char* text = std::getenv("QUILLWICK_TAIL_STOPS");
     const std::uint32_t stops = text != nullptr ? static_cast<std::uint32_t>(std::atoi(text)) : 30;
     std::map<std::string, std::size_t> count;
+    std::uint32_t bursts = 0;
     daemon = std::make_unique<Daemon>();
     startReader();
     for (std::uint32_t stop = 0; stop < stops; ++stop) {
@@ -275,8 +278,9 @@ TEST_F(StopTest, everyEntryIsPrintedOnceWhateverIsStoppedAndWhen) {
             restartDaemon();
         if (!reader->wait(0ms))
             continue;
-        if (random.oneIn(20)) { // the log rolls meanwhile
-            logSome(2000);
+        if (bursts * 40 < stop) { // the log rolls meanwhile
+            ++bursts;
+            logSome(2800);
             ASSERT_TRUE(arrives(' ' + qwk::sequenceTag(sent)));
         }
         startReader();
@@ -355,4 +359,22 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
     }
     EXPECT_EQ(output.find("gap"), std::string::npos);
     EXPECT_EQ(daemon->end(), 0);
+}
+
+TEST_F(StopTest, aTornLineIsPrintedWholeFromTheChip) {
+    daemon = std::make_unique<Daemon>();
+    log({"one", "two"});
+    ASSERT_TRUE(arrives("two"));
+    const std::string text = receiveAll(request("quillwick -g 10000"));
+    EXPECT_EQ(daemon->end(), 0);
+    // A power cut in the flush: the chip has both entries, the file one and a half.
+    writeFile(qwk::logFilePath, text.substr(0, text.size() - 2));
+    startReader();
+    ASSERT_TRUE(reader->waitForOutput("one\n", 10s));
+    restartDaemon(); // which ends the torn line
+    log({"three"});
+    ASSERT_TRUE(reader->waitForOutput("three", 30s)) << reader->output();
+    EXPECT_EQ(reader->output().rfind(text.substr(0, text.size() - 1) + '\n', 0), 0U)
+        << reader->output();
+    EXPECT_EQ(reader->output().find("tw\n"), std::string::npos);
 }

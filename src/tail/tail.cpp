@@ -135,9 +135,7 @@ bool Tail::takeRecentText(bool all, bool patient, bool& answered) {
     if (!text || output_.isOver())
         return false;
     std::vector<Entry> entries = split(*text);
-    const auto taken = std::find_if(entries.rbegin(), entries.rend(),
-                                    [&](const Entry& entry) { return merger_.has(entry); });
-    const auto rest = taken.base();
+    const auto rest = afterTaken(entries);
     const bool begins =
         rest != entries.begin() || (!entries.empty() && merger_.isNext(entries.front().number));
     if (!begins && !(all && (!patient || !merger_.hasPlace())))
@@ -256,18 +254,11 @@ bool Tail::takeDeliveries(std::string text) {
         begin = end + 1;
     }
     std::vector<Entry> entries = split(text);
-    return takeNext(entries);
-}
-
-bool Tail::takeNext(std::vector<Entry>& entries) {
-    const auto taken = std::find_if(entries.rbegin(), entries.rend(),
-                                    [&](const Entry& entry) { return merger_.has(entry); });
-    const auto rest = taken.base();
-    if (!merger_.hasPlace())
-        return false;
-    std::uint32_t next = history_.nextNumber();
-    if (!std::all_of(rest, entries.end(),
-                     [&](const Entry& entry) { return entry.number == next++; }))
+    const auto rest = afterTaken(entries);
+    std::uint32_t next = merger_.hasPlace() ? history_.nextNumber() : 0;
+    if (!merger_.hasPlace() || !std::all_of(rest, entries.end(), [&](const Entry& entry) {
+            return entry.number == next++;
+        }))
         return false;
     for (auto entry = rest; entry != entries.end(); ++entry)
         merger_.take(*entry, Merger::Source::daemon, false);
@@ -275,6 +266,14 @@ bool Tail::takeNext(std::vector<Entry>& entries) {
     output_.flush();
     saveIfDue();
     return true;
+}
+
+// The place after the last entry that was printed or is held.
+std::vector<Entry>::iterator Tail::afterTaken(std::vector<Entry>& entries) const {
+    return std::find_if(
+               entries.rbegin(), entries.rend(),
+               [&](const Entry& entry) { return merger_.has(entry); })
+        .base();
 }
 
 // --- The cursor file

@@ -50,7 +50,7 @@ private:
     bool wait(int descriptor, Clock::time_point end);
     void takeReceived(std::string& text);
     bool takeDeliveries(std::string text);
-    bool takeNext(std::vector<Entry>& entries);
+    std::vector<Entry>::iterator afterTaken(std::vector<Entry>& entries) const;
     void waitForDaemon();
 
     bool save();
