@@ -221,6 +221,8 @@ protected:
     }
     // The number in the last but one line of the cursor file, as in the log.
     static std::string lastRecorded() {
+        if (!std::filesystem::exists(cursorPath))
+            return "";
         const std::string cursor = readFile(cursorPath);
         const std::size_t at = cursor.rfind("entry ");
         return at == std::string::npos ? "" : '[' + cursor.substr(at + 6, 8) + ']';

@@ -57,13 +57,13 @@ void Events::repeated(std::uint32_t from, std::uint32_t to) const {
 }
 
 void Events::noRights() const {
-    tell("\"no-rights\",\"path\":" + quoted(controlSocketPath),
+    tell(R"("no-rights","path":)" + quoted(controlSocketPath),
          "Cannot connect to " + quoted(controlSocketPath) +
              " (Permission denied): entries come when they are in the log file.");
 }
 
 void Events::failure(const std::string& text) const {
-    tell("\"failure\",\"text\":" + quoted(text), text);
+    tell(R"("failure","text":)" + quoted(text), text);
 }
 
 void Events::tell(const std::string& object, const std::string& sentence) const {
