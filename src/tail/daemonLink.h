@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "support/fileDescriptor.h"
+
+namespace qwk::tail {
+
+/// A request for log text that the daemon answers over its control socket.
+class DaemonLink {
+public:
+    enum class Kind { once, live };
+
+    /// Asks for the newest `size` bytes, and with `live` for every new line after them. Without a
+    /// connection errno tells why.
+    DaemonLink(Kind kind, std::size_t size);
+
+    bool isOpen() const { return socket_.isOpen(); }
+    int descriptor() const { return socket_.get(); }
+
+    /// Waits for text, but not when the program is to stop, and appends it; false at the end.
+    bool receive(std::string& text);
+
+private:
+    FileDescriptor socket_;
+};
+
+/// The newest `size` bytes of the log, as the daemon has it in files and chip at one moment; every
+/// line ends with a newline. Nothing when no daemon answers: errno tells why.
+std::optional<std::string> recentText(std::size_t size);
+
+} // namespace qwk::tail

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "tail/entry.h"
+
+namespace qwk::tail {
+
+/// Cuts log text into whole entries. Text before the first beginning of an entry is skipped, and so
+/// are entries of which a power cut left a part only, as far as that shows in their text.
+class EntrySplitter {
+public:
+    void add(const char* text, std::size_t length);
+
+    /// Takes out the next entry; false when it needs more text. With `complete` no more will come:
+    /// the last entry is whole when a newline ends it.
+    bool next(Entry& entry, bool complete);
+
+private:
+    enum class Answer { no, yes, needsText };
+
+    bool findBeginning(bool complete);
+    /// Sets `end` to the newline after the current entry, and `number` to that of the next one.
+    Answer findEnd(bool complete, std::size_t& end, std::uint32_t& number);
+    /// The same for an entry that no other follows.
+    Answer findLastEnd(std::size_t& end) const;
+    /// Whether the line that begins as an entry of another number than the next is a part of the
+    /// current entry's message.
+    Answer belongsToMessage(std::size_t line, std::uint32_t number, bool complete) const;
+    /// Sets the text of the current entry; false when a power cut left too little of it.
+    bool cut(std::size_t end, Entry& entry) const;
+
+    std::string text_;
+    /// The current entry begins here once `begun_`; text before it is used up.
+    std::size_t begin_ = 0;
+    bool begun_ = false;
+    std::uint32_t number_ = 0;
+    /// Where the search for its end goes on.
+    std::size_t searchFrom_ = 0;
+};
+
+} // namespace qwk::tail

@@ -1,0 +1,303 @@
+#include "tail/tail.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <poll.h>
+#include <stdexcept>
+#include <unistd.h>
+
+#include "support/diagnostics.h"
+#include "support/stopRequest.h"
+#include "tail/entrySplitter.h"
+
+namespace qwk::tail {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The daemon sends so much in one piece, which no change of the log can cut.
+constexpr std::size_t recentSize = 16384;
+// Above the text of 30 of the longest messages: all that can be in the chip.
+constexpr std::size_t allRecentSize = 4194304;
+
+// A look that finds a gap may have met a roll or a flush.
+constexpr int patientLooks = 3;
+constexpr int mostLooks = 10;
+constexpr auto lookInterval = 20ms;
+
+// The cursor file is not written more often: it may be in flash.
+constexpr std::chrono::seconds saveInterval = 1s;
+constexpr auto retryInterval = 1s;
+// Text without an end is from a file and may come without one; then the daemon is asked.
+constexpr auto endInterval = 200ms;
+// A live stream can fall silent after `--clear`, so the daemon is asked now and then.
+constexpr auto silenceInterval = 2s;
+
+int milliseconds(std::chrono::steady_clock::duration duration) {
+    return static_cast<int>(
+        std::chrono::ceil<std::chrono::milliseconds>(std::max(duration, decltype(duration)::zero()))
+            .count());
+}
+
+std::vector<Entry> split(const std::string& text) {
+    std::vector<Entry> entries;
+    EntrySplitter splitter;
+    splitter.add(text.data(), text.size());
+    for (Entry entry; splitter.next(entry, true);)
+        entries.push_back(std::move(entry));
+    return entries;
+}
+
+} // namespace
+
+Tail::Tail(const Options& options, const Events& events)
+    : options_(options), events_(events), cursorFile_(options.cursorFile),
+      merger_(history_, output_, events, options.since) {
+    cursorFile_.load(history_);
+    if (!save()) // before any output that could not be recorded
+        throw std::runtime_error("Cannot write \"" + options.cursorFile + "\" (" +
+                                 errorText(saveError_) + ").");
+    if (!history_.isEmpty())
+        events_.resumed(history_.nextNumber() - 1);
+}
+
+bool Tail::run() {
+    catchUp();
+    if (options_.follow) {
+        save(); // a kill soon after the start repeats none of what is past
+        follow();
+    }
+    output_.drain();
+    if (isUnsaved() || saveError_ != 0)
+        save();
+    if (output_.error() != 0)
+        events_.failure("Cannot write the output (" + errorText(output_.error()) + ").");
+    return output_.error() == 0 && saveError_ == 0;
+}
+
+// --- Everything up to now
+
+void Tail::catchUp() {
+    for (int count = 1; count <= mostLooks && !output_.isOver(); ++count) {
+        if (look(count <= patientLooks))
+            break;
+        stopRequest().sleepFor(lookInterval);
+    }
+    output_.flush();
+    saveIfDue();
+}
+
+// False when what was found does not fit together: files and chip change meanwhile.
+bool Tail::look(bool patient) {
+    bool answered = false;
+    merger_.beginLook();
+    // Mostly the daemon's newest text begins before the last printed entry.
+    if (merger_.hasPlace() && takeRecentText(false, patient, answered))
+        return true;
+    looked_ = logFileState();
+    LogFiles files;
+    if (!readFiles(files, patient))
+        return false;
+    for (const bool all : {false, true}) {
+        if (takeRecentText(all, patient, answered) || output_.isOver())
+            return true;
+        if (!answered)
+            return settleFiles(files);
+    }
+    merger_.drop();
+    return false;
+}
+
+bool Tail::readFiles(LogFiles& files, bool patient) {
+    if (options_.since && history_.isEmpty())
+        files.placeAtNumber(*options_.since);
+    else if (!files.placeAtKnown(history_) && !history_.isEmpty())
+        merger_.placeIsLost();
+    bool fits = true;
+    files.read([&](Entry& entry) {
+        fits = merger_.take(entry, Merger::Source::files, patient);
+        saveIfDue();
+        return fits && !output_.isOver();
+    });
+    if (!fits)
+        merger_.drop();
+    return fits;
+}
+
+// Takes what the daemon has in files and chip after the newest entry that was taken before. False
+// when its text does not begin there, or when no daemon answers.
+bool Tail::takeRecentText(bool all, bool patient, bool& answered) {
+    const std::optional<std::string> text = recentText(all ? allRecentSize : recentSize);
+    answered = text.has_value();
+    if (!text)
+        tellMissingRights();
+    if (!text || output_.isOver())
+        return false;
+    std::vector<Entry> entries = split(*text);
+    const auto rest = afterTaken(entries);
+    const bool begins =
+        rest != entries.begin() || (!entries.empty() && merger_.isNext(entries.front().number));
+    if (!begins && !(all && (!patient || !merger_.hasPlace())))
+        return false;
+    // A long answer goes out in pieces, and the log may change between them.
+    if (all && rest != entries.end()) {
+        const std::optional<std::string> again = recentText(allRecentSize);
+        if (!again || !std::all_of(rest, entries.end(), [&](const Entry& entry) {
+                return again->find(entry.text) != std::string::npos;
+            }))
+            return false;
+    }
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry)
+        if (entry >= rest || merger_.has(*entry))
+            merger_.take(*entry, Merger::Source::daemon, false);
+    merger_.settle();
+    return true;
+}
+
+// Without a daemon the last entry of the files is whole, once nobody writes any more.
+bool Tail::settleFiles(const LogFiles& files) {
+    stopRequest().sleepFor(lookInterval);
+    const bool atRest = files.isAtRest();
+    if (atRest)
+        merger_.settle();
+    else
+        merger_.drop();
+    return atRest;
+}
+
+void Tail::tellMissingRights() {
+    if (errno == EACCES && !std::exchange(rightsTold_, true))
+        events_.noRights();
+}
+
+// --- What comes
+
+void Tail::follow() {
+    while (!output_.isOver()) {
+        DaemonLink link(DaemonLink::Kind::live, recentSize);
+        if (link.isOpen())
+            followLive(link);
+        else
+            waitForDaemon();
+    }
+}
+
+// Until the daemon ends, or until the stream has missed something.
+void Tail::followLive(DaemonLink& link) {
+    std::string text;
+    auto heard = Clock::now();
+    while (!output_.isOver()) {
+        const auto quiet = heard + (text.empty() ? Clock::duration(silenceInterval) : endInterval);
+        if (wait(link.descriptor(), quiet)) {
+            if (!link.receive(text))
+                break;
+            heard = Clock::now();
+            takeReceived(text);
+        } else if (Clock::now() >= quiet) {
+            const bool wasSilent = text.empty();
+            const std::uint64_t before = history_.added();
+            catchUp();
+            if (wasSilent && history_.added() != before)
+                return;
+            text.clear();
+            heard = Clock::now();
+        }
+    }
+    if (!output_.isOver())
+        catchUp();
+}
+
+// Without a daemon nobody writes the files; where it is closed to this user, a flush shows in them.
+void Tail::waitForDaemon() {
+    wait(-1, Clock::now() + retryInterval);
+    if (!output_.isOver() && !(logFileState() == looked_))
+        catchUp();
+}
+
+// Waits for the descriptor (-1: none), but not longer than until `end`. Writes the cursor file when
+// that is due, and notes when the output's reader has gone.
+bool Tail::wait(int descriptor, Clock::time_point end) {
+    pollfd watched[3] = {
+        {descriptor, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    const auto wake = isUnsaved() ? std::min(end, savedAt_ + Clock::duration(saveInterval)) : end;
+    if (poll(watched, 3, milliseconds(wake - Clock::now())) < 0)
+        return false;
+    if (watched[2].revents != 0)
+        output_.readerHasGone();
+    saveIfDue();
+    return watched[0].revents != 0;
+}
+
+// Takes the whole deliveries in what the live stream has sent; the rest stays.
+void Tail::takeReceived(std::string& text) {
+    const std::size_t end = text.rfind('\0');
+    if (end == std::string::npos && text.size() <= recentSize)
+        return;
+    const std::size_t length = end == std::string::npos ? text.size() : end + 1;
+    if (!takeDeliveries(text.substr(0, length)))
+        catchUp();
+    text.erase(0, length);
+}
+
+// Takes whole deliveries of the live stream, each ended by a zero byte. False when they are not
+// just what comes next: what the stream repeats, shifts or leaves out shows in beginnings and
+// numbers.
+bool Tail::takeDeliveries(std::string text) {
+    for (std::size_t begin = 0; begin < text.size();) {
+        std::uint32_t number;
+        const std::size_t end = text.find('\0', begin);
+        if (end == std::string::npos || end - begin > recentSize ||
+            !beginsEntry(text.data() + begin, end - begin, number))
+            return false;
+        text[end] = '\n';
+        begin = end + 1;
+    }
+    std::vector<Entry> entries = split(text);
+    const auto rest = afterTaken(entries);
+    std::uint32_t next = merger_.hasPlace() ? history_.nextNumber() : 0;
+    if (!merger_.hasPlace() || !std::all_of(rest, entries.end(), [&](const Entry& entry) {
+            return entry.number == next++;
+        }))
+        return false;
+    for (auto entry = rest; entry != entries.end(); ++entry)
+        merger_.take(*entry, Merger::Source::daemon, false);
+    merger_.settle();
+    output_.flush();
+    saveIfDue();
+    return true;
+}
+
+// The place after the last entry that was printed or is held.
+std::vector<Entry>::iterator Tail::afterTaken(std::vector<Entry>& entries) const {
+    return std::find_if(
+               entries.rbegin(), entries.rend(),
+               [&](const Entry& entry) { return merger_.has(entry); })
+        .base();
+}
+
+// --- The cursor file
+
+bool Tail::save() {
+    savedAt_ = Clock::now();
+    const std::size_t untaken = output_.untaken();
+    const std::uint64_t count = history_.added() - untaken;
+    if (!history_.isEmpty() && untaken >= history_.marks().size())
+        return true; // nobody has any of those that are remembered: the last file still holds
+    output_.sync();
+    const int before = saveError_;
+    saveError_ = cursorFile_.save(history_, untaken) ? 0 : errno;
+    if (saveError_ == 0)
+        saved_ = count;
+    else if (before == 0)
+        events_.failure("Cannot write \"" + options_.cursorFile + "\" (" + errorText(saveError_) +
+                        "); the next start may repeat entries.");
+    return saveError_ == 0;
+}
+
+void Tail::saveIfDue() {
+    if (Clock::now() >= savedAt_ + saveInterval && isUnsaved())
+        save();
+}
+
+} // namespace qwk::tail
