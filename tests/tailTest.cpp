@@ -198,8 +198,8 @@ protected:
             const std::uint32_t size =
                 random.oneIn(20) ? 300 + random.upTo(3000) : random.upTo(240);
             journald.log(3, "test",
-                          qwk::sequenceTag(++sent) + (random.oneIn(10) ? "\n  more" : "") + ' ' +
-                              std::string(size, 'x'));
+                         qwk::sequenceTag(++sent) + (random.oneIn(10) ? "\n  more" : "") + ' ' +
+                             std::string(size, 'x'));
         }
     }
     void startReader() {
