@@ -49,6 +49,16 @@ bool DaemonLink::receive(std::string& text) {
     return got > 0;
 }
 
+bool DaemonLink::discard() {
+    char text[4096];
+    ssize_t got;
+    do
+        got =
+            retryOnInterrupt([&] { return recv(socket_.get(), text, sizeof text, MSG_DONTWAIT); });
+    while (got > 0);
+    return got < 0 && errno == EAGAIN;
+}
+
 std::optional<std::string> recentText(std::size_t size) {
     DaemonLink link(DaemonLink::Kind::once, size);
     if (!link.isOpen())

@@ -22,6 +22,8 @@ public:
 
     /// Waits for text, but not when the program is to stop, and appends it; false at the end.
     bool receive(std::string& text);
+    /// Throws away the text that has arrived; false at the end.
+    bool discard();
 
 private:
     FileDescriptor socket_;

@@ -29,8 +29,8 @@ constexpr auto lookInterval = 20ms;
 // The cursor file is not written more often: it may be in flash.
 constexpr std::chrono::seconds saveInterval = 1s;
 constexpr auto retryInterval = 1s;
-// Text without an end is from a file and may come without one; then the daemon is asked.
-constexpr auto endInterval = 200ms;
+// Entries that come in quick succession are taken together.
+constexpr auto batchInterval = 20ms;
 // A live stream can fall silent after `--clear`, so the daemon is asked now and then.
 constexpr auto silenceInterval = 2s;
 
@@ -183,25 +183,22 @@ void Tail::follow() {
     }
 }
 
-// Until the daemon ends, or until the stream has missed something.
+// Until the daemon ends, or until the stream has fallen silent. The stream only tells that
+// something came: after `--clear` its bytes can stand for other entries of the same number and
+// length.
 void Tail::followLive(DaemonLink& link) {
-    std::string text;
-    auto heard = Clock::now();
     while (!output_.isOver()) {
-        const auto quiet = heard + (text.empty() ? Clock::duration(silenceInterval) : endInterval);
+        const auto quiet = Clock::now() + silenceInterval;
         if (wait(link.descriptor(), quiet)) {
-            if (!link.receive(text))
+            if (!link.discard())
                 break;
-            heard = Clock::now();
-            takeReceived(text);
+            catchUp();
+            stopRequest().sleepFor(batchInterval);
         } else if (Clock::now() >= quiet) {
-            const bool wasSilent = text.empty();
             const std::uint64_t before = history_.added();
             catchUp();
-            if (wasSilent && history_.added() != before)
+            if (history_.added() != before)
                 return;
-            text.clear();
-            heard = Clock::now();
         }
     }
     if (!output_.isOver())
@@ -227,45 +224,6 @@ bool Tail::wait(int descriptor, Clock::time_point end) {
         output_.readerHasGone();
     saveIfDue();
     return watched[0].revents != 0;
-}
-
-// Takes the whole deliveries in what the live stream has sent; the rest stays.
-void Tail::takeReceived(std::string& text) {
-    const std::size_t end = text.rfind('\0');
-    if (end == std::string::npos && text.size() <= recentSize)
-        return;
-    const std::size_t length = end == std::string::npos ? text.size() : end + 1;
-    if (!takeDeliveries(text.substr(0, length)))
-        catchUp();
-    text.erase(0, length);
-}
-
-// Takes whole deliveries of the live stream, each ended by a zero byte. False when they are not
-// just what comes next: what the stream repeats, shifts or leaves out shows in beginnings and
-// numbers.
-bool Tail::takeDeliveries(std::string text) {
-    for (std::size_t begin = 0; begin < text.size();) {
-        std::uint32_t number;
-        const std::size_t end = text.find('\0', begin);
-        if (end == std::string::npos || end - begin > recentSize ||
-            !beginsEntry(text.data() + begin, end - begin, number))
-            return false;
-        text[end] = '\n';
-        begin = end + 1;
-    }
-    std::vector<Entry> entries = split(text);
-    const auto rest = afterTaken(entries);
-    std::uint32_t next = merger_.hasPlace() ? history_.nextNumber() : 0;
-    if (!merger_.hasPlace() || !std::all_of(rest, entries.end(), [&](const Entry& entry) {
-            return entry.number == next++;
-        }))
-        return false;
-    for (auto entry = rest; entry != entries.end(); ++entry)
-        merger_.take(*entry, Merger::Source::daemon, false);
-    merger_.settle();
-    output_.flush();
-    saveIfDue();
-    return true;
 }
 
 // The place after the last entry that was printed or is held.

@@ -48,8 +48,6 @@ private:
     void follow();
     void followLive(DaemonLink& link);
     bool wait(int descriptor, Clock::time_point end);
-    void takeReceived(std::string& text);
-    bool takeDeliveries(std::string text);
     std::vector<Entry>::iterator afterTaken(std::vector<Entry>& entries) const;
     void waitForDaemon();
 
