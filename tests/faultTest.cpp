@@ -30,6 +30,15 @@ protected:
         return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
     }
 
+    // What an earlier test of the same program left is not there.
+    struct EmptyFolders {
+        EmptyFolders() {
+            for (const char* folder : {"/run/log/journal", "/var/logperm"}) {
+                std::filesystem::remove_all(folder);
+                std::filesystem::create_directories(folder);
+            }
+        }
+    } empty;
     Journald journald;
     framEmulator::FramChip chip;
     framEmulator::DeviceOptions options;
