@@ -19,7 +19,7 @@ namespace {
 class Listener {
 public:
     Listener(unsigned seed, bool slow, bool returning)
-        : thread_([=] {
+        : thread_([this, seed, slow, returning] {
               std::mt19937 random(seed);
               while (!over_ && follow(random, slow, returning ? random() % 200 : SIZE_MAX)) {
               }
