@@ -53,7 +53,8 @@ struct Sockets {
 // A client's stream on a thread of its own. When it goes, all streams of the logger end.
 struct Stream : Sockets {
     Stream(qwk::Logger& source, int maxsize, bool listen, int room = largeRoom)
-        : Sockets(room), logger(source), result(std::async(std::launch::async, [=] {
+        : Sockets(room), logger(source),
+          result(std::async(std::launch::async, [this, maxsize, listen] {
               return logger.streamLogs(maxsize, listen, server.get());
           })) {}
     ~Stream() {
