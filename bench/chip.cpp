@@ -1,4 +1,4 @@
-// The FRAM cache: processor time beside the time that the same transfers take on the bus.
+// The FRAM cache: processor time compared with the time of the same transfers on the bus.
 
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
@@ -48,7 +48,7 @@ public:
     void flushAll() {
         use([](qwk::Eeprom& eeprom) { eeprom.flush(); });
     }
-    // The system calls of an append and nothing else.
+    // Only the system calls of an append.
     void transferOnly() {
         char bytes[512] = {};
         const qwk::FileDescriptor bus(open(qwk::eepromDevicePath, O_RDWR | O_CLOEXEC));
@@ -85,7 +85,7 @@ private:
     }
 };
 
-// The processor time of this thread alone: the chip's is another's.
+// The processor time of this thread only: the chip has a thread of its own.
 Comparison::Body processorTimeOf(Board& board, const framEmulator::Image& image, int resetEvery,
                                  const std::function<void()>& work) {
     return [&board, &image, resetEvery, work](benchmark::State& state) {

@@ -1,4 +1,4 @@
-// The daemon and its client as processes, beside journalctl.
+// The daemon and its client as processes, compared with journalctl.
 
 #include <fstream>
 #include <poll.h>
@@ -55,7 +55,7 @@ void measureFirstByte() {
          atMost(mine / other, 1)});
 }
 
-// Every entry is sent by logger(1) and waited for at both ends before the next.
+// logger(1) sends each entry when the one before has arrived at both ends.
 void measureFollowing() {
     const PipedProcess client(buildPath("quillwick"), {"-l", "-g", "1000"});
     readThrough(client.output(), '\n');
@@ -87,7 +87,7 @@ void measureFollowing() {
              number(percentile(times[which], 99), 1) + " ms"});
 }
 
-// The board without a daemon, and a journal that begins with `count` errors.
+// The board without a daemon, with a journal that begins with `count` errors.
 struct Surroundings {
     explicit Surroundings(int count) {
         std::filesystem::remove_all(qwk::journalFolderPath);

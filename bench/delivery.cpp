@@ -1,4 +1,4 @@
-// What clients get: log files as fast as they read, and new lines as soon as they come.
+// Delivery to clients: how fast log files are sent, and how soon new lines.
 
 #include <algorithm>
 #include <fcntl.h>
@@ -47,7 +47,7 @@ void writeLogFiles(int total) {
 }
 
 struct Transfer {
-    double time; // from the start until a reader has all that was sent
+    double time; // from the start until a reader has all bytes
     double cpu;  // the processor time of both
     std::size_t bytes;
 };
@@ -81,7 +81,7 @@ void copyPlainly(Connection& connection, int total) {
     }
 }
 
-// The two take turns, so that the machine's other work meets both alike.
+// The two take turns, so that other work of the machine affects both alike.
 Comparison::Body inTurns(qwk::Logger& logger, int total) {
     return [&logger, total](benchmark::State& state) {
         std::vector<double> copyTimes;
@@ -136,7 +136,7 @@ void measureFirstDelivery(qwk::Logger& logger) {
 class EntrySource {
 public:
     explicit EntrySource(qwk::Logger& logger) : logger_(logger) {}
-    /// Returns when the entry was in the recent-entry buffer.
+    /// Returns the time when the entry was in the recent-entry buffer.
     Clock::time_point add() {
         const std::lock_guard<qwk::LogSink> held(logger_);
         if (next_ - oldest_ == entriesPerChip) {
@@ -161,7 +161,7 @@ struct Listener {
         connection.setNonBlocking();
         thread = std::thread(
             [&logger, this] { logger.streamLogs(1000, true, connection.daemon.get()); });
-        readThrough(connection.client.get(), '\0'); // it listens from now on
+        readThrough(connection.client.get(), '\0'); // it listens from here on
     }
     ~Listener() {
         shutdown(connection.client.get(), SHUT_RDWR);
@@ -197,14 +197,14 @@ void measureListeners(qwk::Logger& logger, EntrySource& source) {
              number(time / count / one, 2)});
         for (const Listener& listener : listeners)
             shutdown(listener.connection.client.get(), SHUT_RDWR);
-        source.add(); // wakes the streams, which find their clients gone
+        source.add(); // wakes the streams, whose clients have left
     }
 }
 
 void measureLatency(qwk::Logger& logger, EntrySource& source) {
     const qwk::Server server(&logger);
     const PipedProcess client(testSupport::buildPath("quillwick"), {"-l", "-g", "1000"});
-    readThrough(client.output(), '\n'); // what there was
+    readThrough(client.output(), '\n'); // the older lines
     std::vector<double> times;
     for (int i = 0; i < latencySamples; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2)); // until all is idle again

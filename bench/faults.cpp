@@ -1,5 +1,5 @@
-// The daemon over a chip that is broken, beside a real journald: how quiet it is, and whether it
-// recovers by itself.
+// The daemon with a broken chip and a real journald: how quiet it is, and whether it recovers by
+// itself.
 
 #include <fstream>
 #include <sstream>

@@ -1,4 +1,4 @@
-// Reading the journal, beside plain loops over the same entries and beside journalctl.
+// Reading the journal, compared with plain loops over the same entries and with journalctl.
 
 #include <stdexcept>
 #include <sys/resource.h>
@@ -15,7 +15,7 @@ namespace {
 constexpr int entryCount = 100000;
 constexpr int entryPriority = 6;
 
-// What any reader must do: open the journal, and for each entry get `fields`.
+// The work that no reader can avoid: open the journal, and for each entry get `fields`.
 void readPlainly(const std::vector<const char*>& fields) {
     sd_journal* journal = nullptr;
     if (sd_journal_open(&journal, SD_JOURNAL_RUNTIME_ONLY) < 0)
@@ -38,7 +38,7 @@ void readWith(int maxPriority, int wanted) {
             throw std::runtime_error("an entry was not read");
 }
 
-// The processor time of this thread, and of a child where the work is a child's.
+// The processor time of this thread, or of a child that does the work.
 Comparison::Body once(const std::function<void()>& work) {
     return [work](benchmark::State& state) {
         const auto now = [] {
@@ -61,7 +61,7 @@ void measureJournal() {
     journald.sync();
 
     Comparison comparison;
-    constexpr int passes = 8; // over so little work that one alone would be disturbed too easily
+    constexpr int passes = 8; // a single one is too short to be measured
     comparison.add("plain loop, priority", passes, once([] { readPlainly({"PRIORITY"}); }));
     comparison.add("plain loop, fields", 1, once([] {
                        readPlainly({"PRIORITY", "_KERNEL_DEVICE", "SYSLOG_IDENTIFIER", "SYSLOG_PID",

@@ -1,4 +1,4 @@
-// From the sender of a message to the chip, with wake-ups and without, beside journalctl -f.
+// From the sender of a message to the chip, with wake-ups and without, compared with journalctl -f.
 
 #include <algorithm>
 #include <atomic>
@@ -70,7 +70,7 @@ private:
     std::thread reader_;
 };
 
-// What happens to messages sent one after the other, each when the one before has arrived.
+// Results for messages that are sent one by one, each when the one before has arrived.
 struct Singles {
     Milliseconds chip;
     Milliseconds journalctl;
@@ -97,7 +97,7 @@ public:
         if (connect(connected.get(), qwk::asSocketAddress(address), sizeof address) != 0)
             throw std::runtime_error("nobody listens at /dev/log");
         toLog_ = std::move(connected);
-        // Both readers have begun when they have seen one and the same message.
+        // Both readers have begun when both have seen the same message.
         const std::uint32_t before = storedEntries();
         if (!eventually(60s, [&] {
                 send();
@@ -138,7 +138,7 @@ public:
             send();
         await([&] { return storedEntries() >= stored; });
         const double inChip = since(start, lastRecordWritten());
-        std::this_thread::sleep_for(1s); // in which the looks in vain end
+        std::this_thread::sleep_for(1s); // until no more looks come
         return {inChip, Wire(chip_.record()).microseconds(busFrequency) / 1000,
                 (processorTimeOf(daemon_->process().pid()) - before) / burstSize};
     }

@@ -1,4 +1,4 @@
-// Lines by their sequence number, in log files up to the largest there can be.
+// Finding lines by their sequence number, in log files up to the largest possible one.
 
 #include <algorithm>
 #include <filesystem>
@@ -36,7 +36,7 @@ std::uint32_t writeLines(const std::string& file, std::uint32_t first, std::uint
     const std::string filler(192, 'x');
     std::uint32_t id = first;
     for (std::uint64_t left = size; left > 0; ++id) {
-        // The last line takes what is left of the file.
+        // The last line takes the rest of the file.
         const std::uint64_t length = left < 384 ? left : 64 + random() % 128;
         char tag[16];
         const int tagLength = std::snprintf(tag, sizeof tag, "[%08x]", id);

@@ -1,5 +1,5 @@
-// Measures the daemon's parts and the daemon itself beside plain loops over the same work, and
-// prints the tables of docs/performance.md. Runs in the tests' sandbox.
+// Measures the daemon's parts and the daemon itself, compares them with plain loops over the same
+// work, and prints the tables of docs/performance.md. Runs in the tests' sandbox.
 
 #include <csignal>
 #include <cstdio>
@@ -48,7 +48,7 @@ void startAfresh() {
     }
 }
 
-// As in the daemon: a client that has gone is an error of the call.
+// As in the daemon: a client that has left is an error of the call.
 void blockBrokenPipe() {
     sigset_t set;
     sigemptyset(&set);

@@ -13,7 +13,7 @@ using Clock = std::chrono::steady_clock;
 
 double microsecondsSince(Clock::time_point start);
 
-/// A program whose standard output is read through a pipe; killed and reaped by the destructor.
+/// A program with a pipe for its standard output; the destructor kills and reaps it.
 class PipedProcess {
 public:
     PipedProcess(const std::string& path, std::vector<std::string> arguments);

@@ -10,8 +10,8 @@
 
 namespace bench {
 
-/// Benchmarks that are run together, in random order and several times each, so that whatever
-/// disturbs the machine meets all of them alike. Results are medians over the repetitions.
+/// Benchmarks that run together, in random order and several times each, so that disturbances of
+/// the machine affect all of them alike. Results are medians over the repetitions.
 class Comparison {
 public:
     using Body = std::function<void(benchmark::State&)>;
@@ -37,17 +37,17 @@ private:
 
 using Cells = std::vector<std::string>;
 
-/// The document that all groups of benchmarks write together, as Markdown on standard output.
+/// The document that all groups of benchmarks write, as Markdown on standard output.
 void section(const std::string& title, const std::string& text, const Cells& head);
 void row(const Cells& cells);
 
 std::string number(double value, int digits = 0);
-/// A value beside its aim: "at most 1.10: met".
+/// A value and its target: "at most 1.10: met".
 std::string atMost(double value, double limit, int digits = 2);
 
 double percentile(std::vector<double> values, double percent);
 
-/// Begins alike everywhere, so that every run measures the same.
+/// Begins the same everywhere, so that all runs measure the same.
 using Random = std::linear_congruential_engine<std::uint32_t, 48271, 0, 0x7FFFFFFF>;
 
 /// Writes a log file of `size` bytes with lines of 64 to 191 bytes, numbered from `first` on.

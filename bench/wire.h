@@ -7,7 +7,7 @@
 
 namespace bench {
 
-/// What a set of transfers costs on the bus: start, address byte, data and stop, nine clocks a
+/// The time of a set of transfers on the bus: start, address byte, data and stop, nine clocks a
 /// byte.
 struct Wire {
     explicit Wire(const std::vector<framEmulator::Transfer>& transfers) : count(transfers.size()) {

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What several scripts need. Source it; it starts nothing.
+# Functions for several scripts. Source it; it starts nothing.
 
 say() {
     printf '%s\n' "$*" >&2
@@ -19,7 +19,7 @@ asRoot() {
     fi
 }
 
-# Another apt may be at work, on a fresh machine often for minutes. apt-get itself waits only for
+# Another apt may be running, on a fresh machine often for minutes. apt-get itself waits only for
 # the lock of the installed packages, not for that of the lists.
 updatePackageLists() {
     local lock=/var/lib/apt/lists/lock end=$((SECONDS + 600))

@@ -4,7 +4,7 @@ namespace boardSupport {
 
 std::uint32_t crc32(const std::uint8_t* data, std::uint32_t length, std::uint32_t initial,
                     bool invert) {
-    // No table: the cache checks blocks of 14 bytes, and the table would take longer to build.
+    // Without a table, which would take longer to build than a block of 14 bytes takes to check.
     std::uint32_t crc = initial;
     for (std::uint32_t i = 0; i < length; ++i) {
         for (unsigned bit = 0; bit < 8; ++bit) {

@@ -37,8 +37,8 @@ bool isPrintable(std::uint8_t byte) {
 using DumpLine = std::array<char, characterColumn + dumpLineBytes + 1>;
 
 // The hexadecimal column, two blanks and the character column of up to 16 bytes. A short line is
-// padded, so that its characters stay in their column. Allocates nothing: a dump that has begun is
-// not broken off with text in the stream's buffer.
+// padded, so that its characters stay in their column. Allocates nothing, so that a dump that has
+// begun never stops with text in the stream's buffer.
 DumpLine dumpLine(const std::uint8_t* bytes, std::size_t count) {
     static constexpr char digits[] = "0123456789abcdef";
     assert(count <= dumpLineBytes);

@@ -5,25 +5,25 @@
 
 namespace qwk {
 
-/// One source of log bytes to be sent. Lists of sources stand newest first and are sent from their
+/// One source of log bytes. Lists of sources are in order, newest first, and are sent from their
 /// last element to their first. Offsets and sizes are read as unsigned: the largest log file has
 /// 2^31 bytes and one line.
 struct LogFile {
     /// Where sending starts, in bytes.
     std::int32_t off;
-    /// The source's length in bytes; 0 while it is not known.
+    /// The source's length in bytes; 0 if not known.
     std::int32_t size;
     /// Path of the log file; empty for the recent-entry buffer.
     std::string name;
 };
 
-/// Where one client's stream stands. The stream is every byte sent to the client: log files and
-/// buffer text as they are, and a NUL behind each send of the buffer, in the place of the newline
-/// that the log file will have there. The offsets in the stream wrap, and only differences of them
-/// have a meaning; `count_total` is 0 only before the first byte.
+/// The position of one client's stream. The stream is every byte sent to the client: log files and
+/// buffer text as they are, and a NUL after each send of the buffer, where the log file will have a
+/// newline. Offsets in the stream wrap, so that only their differences have a meaning;
+/// `count_total` is 0 only before the first byte.
 ///
-/// The pair (id, count_total - count_id) is the resume point: a line, and how many bytes the client
-/// has from that line's opening bracket on.
+/// The pair (id, count_total - count_id) is the resume point: a line, and the number of bytes that
+/// the client has from that line's opening bracket on.
 struct SendState {
     /// Files are read through this buffer of `bufferSize` bytes, which the stream owns.
     char* buffer;
@@ -36,7 +36,7 @@ struct SendState {
     std::int32_t count_id;
     std::uint32_t id;
     /// A line start whose number was not complete when a call ended: its stream offset, and the
-    /// line terminator with the up to 9 bytes behind it that are known; empty when none is pending.
+    /// line terminator with up to 9 known bytes after it; empty when none is pending.
     std::int32_t lineStart;
     char lineHead[11];
 };

@@ -33,8 +33,8 @@ void setLineHead(SendState& state, const char* bytes, int length) {
     state.lineHead[length] = '\0';
 }
 
-// Completes a pending head with the first bytes offered, whether or not they went out: bytes that
-// the socket refused are the stream's next bytes all the same.
+// Completes a pending head with the first bytes offered, whether or not they were sent: bytes that
+// the socket refused are still the stream's next bytes.
 void completeLineHead(SendState& state, const char* data, int length) {
     const int known = static_cast<int>(std::strlen(state.lineHead));
     const int missing = headLength - known;
@@ -45,7 +45,7 @@ void completeLineHead(SendState& state, const char* data, int length) {
     state.lineHead[0] = '\0';
 }
 
-// Looks at the last line start among the `done` bytes that went out.
+// Looks at the last line start among the `done` bytes that were sent.
 void trackLastLine(SendState& state, const char* data, int done) {
     int last = done - 1;
     while (last >= 0 && !isTerminator(data[last]))

@@ -12,7 +12,7 @@ void endTornLine() {
     const FileDescriptor file(
         retryOnInterrupt([] { return ::open(logFilePath, O_RDWR | O_APPEND | O_CLOEXEC); }));
     char last = '\n';
-    // Where this fails, opening the log file fails, too, and is reported there.
+    // If this fails, opening the log file fails, too, and that is reported.
     if (file.isOpen() && ::lseek(file.get(), -1, SEEK_END) >= 0 &&
         readSome(file.get(), &last, 1) == 1 && last != '\n')
         static_cast<void>(!::write(file.get(), "\n", 1));

@@ -7,10 +7,10 @@ namespace qwk {
 
 namespace {
 
-// A time that the C library cannot convert (beyond its largest year) reads as all zeros.
+// All zeros for a time that the C library cannot convert (beyond its largest year).
 std::tm calendarTime(std::time_t seconds, TimeZone zone) {
     // localtime() follows a change of the board's time zone while the daemon runs; localtime_r()
-    // need not.
+    // may not.
     const std::tm* converted =
         zone == TimeZone::local ? std::localtime(&seconds) : std::gmtime(&seconds);
     return converted != nullptr ? *converted : std::tm{};

@@ -7,14 +7,14 @@
 
 namespace qwk {
 
-/// What the FRAM cache asks of the log. An entry is described by its sequence number, its syslog
-/// priority, its time stamp in microseconds since 1970-01-01 00:00 UTC, and its text. The lock is
-/// that of the log file and the recent-entry buffer; it does not nest.
+/// The log as the FRAM cache uses it. An entry has a sequence number, a syslog priority, a time
+/// stamp in microseconds since 1970-01-01 00:00 UTC, and a text. The lock protects the log file and
+/// the recent-entry buffer; it does not nest.
 class QWK_LOCKABLE LogSink {
 public:
     virtual ~LogSink() = default;
 
-    /// Sets `next` to the number after that of the log file's last line, or to 0.
+    /// Sets `next` to the number after the last line of the log file, or to 0.
     virtual void nextSequenceNumber(std::uint32_t& next) = 0;
 
     /// Writes the entry as one line into the log file.

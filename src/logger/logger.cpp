@@ -85,7 +85,7 @@ void Logger::unlock() {
     StableFiles written;
     try {
         written = unsyncedFiles_->take();
-    } catch (const std::exception& error) { // the lock must be released all the same
+    } catch (const std::exception& error) { // the lock must still be released
         report(LOG_ERR, "Cannot sync the log file (%s).", error.what());
     }
     mutex_.unlock();

@@ -22,7 +22,7 @@ namespace qwk {
 /// and the delivery of both to clients. One exists while the daemon runs.
 class Logger : public LogSink {
 public:
-    /// Reads the configuration and opens the log file; failures are reported and survived.
+    /// Reads the configuration and opens the log file; failures are reported.
     Logger();
     ~Logger() override;
 
@@ -38,8 +38,8 @@ public:
     bool isCacheFilled() override QWK_REQUIRES(this);
     /// Throws std::system_error when the mutex fails.
     void lock() override QWK_ACQUIRES();
-    /// Releases the lock and then, when lines were written under it, returns only once they are on
-    /// stable storage. A failure of that is reported.
+    /// Releases the lock. If lines were written under it, returns only when they are on stable
+    /// storage, or when syncing them has failed (reported).
     void unlock() override QWK_RELEASES();
 
     /// Highest journal priority that is logged, 1 to 6.
@@ -49,7 +49,7 @@ public:
     std::string formatLine(std::uint32_t id, std::int32_t priority, const std::uint64_t& time,
                            const std::string& message) QWK_REQUIRES(this);
 
-    // The sequence index, as logger/sequenceIndex.h describes it. None uses the logger's fields.
+    // The sequence index, see logger/sequenceIndex.h. These use none of the logger's fields.
     int findNextLine(const std::string& path, std::uint32_t& offset);
     int findNextLine(const char* data, int size, std::uint32_t& offset);
     int readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id);
@@ -57,15 +57,15 @@ public:
     int findId(const std::string& path, std::uint32_t id, std::uint32_t& offset);
     int findId(const char* data, int size, std::uint32_t id, std::uint32_t& offset);
 
-    // Delivery to one client. The caller of all but streamLogs holds the lock, so that buffer and
-    // files stay as they are from the choice of the sources to the last byte.
+    // Delivery to one client. The caller holds the lock, except for streamLogs, so that buffer and
+    // files do not change between the choice of the sources and the last byte.
 
-    /// Sends what the socket takes at once of `data`. Returns the number of bytes sent, with
-    /// `wouldBlock` true when the socket was full before all were, or -1 when the connection is
-    /// unusable; the state is then as before the call.
+    /// Sends as much of `data` as the socket accepts without blocking. Returns the number of bytes
+    /// sent, and sets `wouldBlock` if the socket was full before the end. Returns -1 when the
+    /// connection is unusable; the state is then unchanged.
     int sendBuffer(SendState& state, const char* data, int length, bool& wouldBlock)
         QWK_REQUIRES(this);
-    /// Sends the file `name` from byte `off` on. Results as sendBuffer; -1 also for a bad file.
+    /// Sends the file `name` from byte `off` on. Results as sendBuffer; -1 also if reading fails.
     int sendFile(SendState& state, int off, const std::string& name, bool& wouldBlock)
         QWK_REQUIRES(this);
     /// Sends the recent-entry buffer from byte `off` on and its terminating NUL.
@@ -76,15 +76,15 @@ public:
 
     /// Lists the newest sources that hold at most `maxsize` bytes, from a line start on.
     void findFilesBySize(int maxsize, std::vector<LogFile>& files) QWK_REQUIRES(this);
-    /// Lists what follows the first `off` bytes of line `id`; falls back to the list by size when
-    /// no source holds that place.
+    /// Lists the sources after the first `off` bytes of line `id`; falls back to the list by size
+    /// if no source contains that place.
     void findFilesAfterId(std::uint32_t id, int off, int maxsize, std::vector<LogFile>& files)
         QWK_REQUIRES(this);
 
     /// Sends the newest log bytes, at most `maxsize` (0 or more), to a non-blocking `socket`, which
-    /// stays open; with `listen` then every new line, until the client goes or streams are ended.
-    /// Returns 0, or -1 when the transfer buffer cannot be allocated; throws std::system_error when
-    /// the mutex fails. Waits for the client without the lock.
+    /// stays open; with `listen`, then sends every new line, until the client leaves or streams are
+    /// ended. Returns 0, or -1 when the transfer buffer cannot be allocated; throws
+    /// std::system_error when the mutex fails. Waits for the client without the lock.
     int streamLogs(int maxsize, bool listen, int socket) QWK_EXCLUDES(this);
 
     /// Makes every stream end, waiting and future ones.
@@ -101,8 +101,7 @@ private:
     std::int32_t logLevel_ = 4;
     std::int32_t logCount_ = 20;
 
-    // Guarded by mutex_, which lock() takes and which also keeps the log file and its rolled copies
-    // as they are.
+    // Guarded by mutex_, which lock() takes. It also guards the log file and the rolled files.
     std::string cache_ QWK_GUARDED_BY(this);
     std::mutex mutex_;
     bool cacheFilled_ QWK_GUARDED_BY(this) = false;
@@ -111,7 +110,7 @@ private:
     std::uint32_t lastId_ QWK_GUARDED_BY(this) = 0;
     /// Notified after every addToCache and by endStreams.
     std::condition_variable cacheChanged_;
-    /// Counts the calls of addToCache, wrapping. Unlike lastId_ it differs after every entry, also
+    /// Counts the calls of addToCache, wrapping. Unlike lastId_ it changes with every entry, also
     /// when the numbering starts again at the number that a stream saw last.
     std::uint32_t entriesAdded_ QWK_GUARDED_BY(this) = 0;
     bool streamsEnding_ QWK_GUARDED_BY(this) = false;

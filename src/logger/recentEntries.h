@@ -5,12 +5,12 @@
 
 namespace qwk {
 
-/// Bytes of the recent-entry buffer. The entries of a full chip need a fiftieth of it; it is
-/// reached only while the chip does not answer and nothing empties the buffer.
+/// Limit of the recent-entry buffer, in bytes. The entries of a full chip need a fiftieth of it; it
+/// is reached only while the chip does not answer and nothing empties the buffer.
 inline constexpr std::size_t maxRecentEntries = std::size_t{4} << 20;
 
-/// Drops whole lines from the front of `lines` once it is longer than that. Drops a little more
-/// than it must, so that the rest is not moved for every line. False when nothing had to go.
+/// Drops whole lines from the front of `lines` if it is longer than that. Drops some more than
+/// necessary, so that the rest is not moved for every line. False when it dropped nothing.
 bool dropOldestLines(std::string& lines);
 
 } // namespace qwk

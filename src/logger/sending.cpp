@@ -1,5 +1,5 @@
-// The lowest layer of delivery: the part of Logger that pushes bytes down a client's socket without
-// ever waiting for the client.
+// The lowest layer of delivery: the part of Logger that writes bytes to a client's socket and never
+// waits for the client.
 
 #include <cerrno>
 #include <limits>
@@ -59,8 +59,7 @@ int Logger::sendFile(SendState& state, int off, const std::string& name, bool& w
     {
         const FileDescriptor file = openForReading(name.c_str());
         const auto start = static_cast<off_t>(static_cast<std::uint32_t>(off));
-        // Above 0, not from 0 on: descriptor 0 counts as a failure, and the daemon keeps it
-        // occupied.
+        // Descriptor 0 counts as a failure; the daemon keeps it occupied.
         good = file.get() > 0 && (off == 0 || ::lseek(file.get(), start, SEEK_SET) == start);
         while (good && !wouldBlock) {
             const ssize_t got =
@@ -82,7 +81,7 @@ int Logger::sendFile(SendState& state, int off, const std::string& name, bool& w
 
 int Logger::sendCache(SendState& state, int off, bool& wouldBlock) {
     wouldBlock = false;
-    // The string's terminating NUL goes out as well, in the place of the line's newline.
+    // Sends the string's terminating NUL, too, where the log file will have the newline.
     const std::int64_t start = static_cast<std::uint32_t>(off);
     const std::int64_t length = static_cast<std::int64_t>(cache_.size()) + 1 - start;
     const int result =

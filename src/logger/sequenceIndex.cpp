@@ -47,13 +47,13 @@ bool seekTo(int fd, off_t offset) {
     return ::lseek(fd, offset, SEEK_SET) == offset;
 }
 
-// Offsets are 32-bit; a place beyond is as good as not found.
+// Offsets are 32-bit; a place beyond them counts as not found.
 bool fitsOffset(off_t offset) {
     return offset <= std::numeric_limits<std::uint32_t>::max();
 }
 
-// The number of the line that starts after the newline at `newline` in the block. The eight
-// digits that the block's end cuts are read separately, which moves the file's position.
+// The number of the line that starts after the newline at `newline` in the block. If the block ends
+// within the eight digits, reads them separately, which moves the file's position.
 bool numberAfter(int fd, const Block& block, std::size_t newline, std::uint32_t& id) {
     const std::size_t firstDigit = newline + 2;
     if (firstDigit + sequenceDigits <= block.length)
@@ -71,8 +71,8 @@ int offsetIfSame(const NumberedLine& line, std::uint32_t id, std::uint32_t& offs
     return 0;
 }
 
-// Where the line numbered `id` should be between two known lines, if all lines were equally long.
-// Unsigned throughout: should the numbers of a file not grow, the place is wrong but defined.
+// Where the line numbered `id` would be between two known lines if all lines were equally long.
+// Unsigned throughout: if the numbers of a file do not grow, the place is wrong but defined.
 std::uint32_t interpolate(std::uint32_t id, const NumberedLine& low, const NumberedLine& high) {
     const std::int64_t distance = std::int64_t{high.offset} - std::int64_t{low.offset};
     const std::uint64_t product = std::uint64_t{id - low.id} * static_cast<std::uint64_t>(distance);
@@ -119,7 +119,7 @@ int readIdAt(int fd, std::uint32_t& offset, std::uint32_t& id) {
         return -1;
     Block block;
     while (block.readFrom(fd, position)) {
-        // The first line of a file has no newline in front of it.
+        // The first line of a file follows no newline.
         if (position == 0 && block.length > sequenceDigits &&
             parseSequenceNumber(block.bytes + 1, id)) {
             offset = 0;
@@ -155,9 +155,8 @@ int readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
             const off_t newline = start + static_cast<off_t>(i);
             if (block.bytes[i] != '\n' || !fitsOffset(newline + 1))
                 continue;
-            // No line after a later newline is numbered, so only the one right here can be: a look
-            // at it is all that readIdAt would do. At the file's start that looks at the newline
-            // itself as a line's first character, too.
+            // No line after a later newline is numbered, so readIdAt would look only at this one.
+            // At the file's start it would also take the newline for a line's first character.
             std::uint32_t lineStart = 0;
             if (newline == 0 ? readIdAt(fd, lineStart, id) == 0 : numberAfter(fd, block, i, id)) {
                 offset = newline == 0 ? lineStart : static_cast<std::uint32_t>(newline + 1);
@@ -172,9 +171,9 @@ int readLastId(int fd, std::uint32_t& offset, std::uint32_t& id) {
 
 namespace {
 
-// The start of a line below `id` closely before `place`, where that line should have been; at worst
-// that of `low`. In a file whose lines differ in length the interpolation ends near the line while
-// its lower bound may still be the file's first line.
+// The start of a line below `id` shortly before `place`, where line `id` was expected; if there is
+// none, the start of `low`. In a file whose lines differ in length, the interpolation ends near the
+// line while its lower bound may still be the file's first line.
 std::uint32_t lineBefore(int fd, std::uint32_t id, std::uint32_t place, const NumberedLine& low) {
     std::uint64_t step = blockSize;
     while (low.offset + step < place) {
@@ -196,13 +195,13 @@ int walkToId(int fd, std::uint32_t id, std::uint32_t from, std::uint32_t current
             offset = from;
             return 0;
         }
-        if (++from == 0) // the end of what an offset can name
+        if (++from == 0) // beyond the largest offset
             break;
     }
     return -1;
 }
 
-// findId where low.id < id < high.id: by interpolation, and by a walk over what it leaves.
+// findId where low.id < id < high.id: by interpolation, then by a walk over the remaining lines.
 int findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
                   std::uint32_t& offset) {
     for (;;) {
@@ -217,7 +216,7 @@ int findIdBetween(int fd, std::uint32_t id, NumberedLine low, NumberedLine high,
             const std::uint32_t near = lineBefore(fd, id, place, low);
             if (walkToId(fd, id, near + 1, probe.id, high.id, offset) == 0)
                 return 0;
-            // Which lines a walk meets between lines without number depends on where it begins.
+            // Between lines without number, a walk from another start meets other lines.
             return near == low.offset ? -1
                                       : walkToId(fd, id, low.offset + 1, probe.id, high.id, offset);
         }

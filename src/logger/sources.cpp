@@ -1,5 +1,5 @@
-// The part of Logger that chooses the sources of a delivery: by size for the first one, by sequence
-// number for every later one. It chooses only; nothing is sent here.
+// The part of Logger that chooses the sources of a delivery: by size for the first delivery, by
+// sequence number for every later one. It sends nothing.
 
 #include <algorithm>
 #include <cstdint>
@@ -22,7 +22,7 @@ std::optional<std::int64_t> fileSize(const std::string& path) {
     return status.st_size;
 }
 
-// Offsets and sizes are kept modulo 2^32; these are the two ways through that.
+// Offsets and sizes are stored modulo 2^32; these convert to and from that form.
 std::int32_t narrowed(std::int64_t offset) {
     return static_cast<std::int32_t>(offset);
 }
@@ -36,9 +36,9 @@ void reportFiles(const std::vector<LogFile>& files) {
                file.off);
 }
 
-// Moves the start of the oldest source to the next newer one when the client has all of the oldest
-// one. That source then starts after the bytes that the client already has of it. False when the
-// client has more than both hold, or a size is not to be had.
+// If the client has all of the oldest source, moves the start to the next newer one, after the
+// bytes that the client already has of it. False when the client has more than both contain, or a
+// size is unknown.
 bool carryOver(std::vector<LogFile>& files) {
     const auto oldestSize = fileSize(files.back().name);
     if (!oldestSize)
@@ -57,7 +57,7 @@ bool carryOver(std::vector<LogFile>& files) {
     return true;
 }
 
-// Lists the recent-entry buffer or its end; false when that is all that fits.
+// Lists the recent-entry buffer or its end; false when nothing else fits.
 bool addRecentEntries(const std::string& cache, int maxsize, std::vector<LogFile>& files) {
     const auto length = static_cast<int>(cache.size());
     if (length == 0)
@@ -73,7 +73,7 @@ bool addRecentEntries(const std::string& cache, int maxsize, std::vector<LogFile
     return false;
 }
 
-// Lists the log files before `taken` newer bytes, down to the one of which only the end fits.
+// Lists the log files that fit beside `taken` newer bytes; of the oldest one perhaps only the end.
 void addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& files) {
     for (int index = 0;; ++index) {
         const std::string name = logFileName(index);
@@ -91,8 +91,8 @@ void addLogFiles(int maxsize, std::int64_t taken, std::vector<LogFile>& files) {
     }
 }
 
-// Lists the sources from the place after the first `off` bytes of line `id` on; false when that
-// place is in no source.
+// Lists the sources from the place after the first `off` bytes of line `id` on; false when no
+// source contains that place.
 bool findPlaceAfterId(const std::string& cache, std::uint32_t id, int off,
                       std::vector<LogFile>& files) {
     files.clear();

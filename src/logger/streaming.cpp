@@ -1,5 +1,5 @@
-// One client's stream from its first byte to its last: deliveries, made under the logger's lock,
-// alternate with waits, made without it.
+// One client's stream from its first byte to its last: deliveries under the logger's lock alternate
+// with waits without it.
 
 #include <new>
 #include <poll.h>
@@ -14,7 +14,7 @@ namespace {
 constexpr int transferBufferSize = 65536;
 constexpr int pollPeriodMs = 1000;
 
-// Waits until the client takes more. False when it has gone or poll() fails.
+// Waits until the client accepts more. False when it has left or poll() fails.
 bool waitUntilWritable(int socket) {
     for (;;) {
         pollfd client{socket, POLLOUT | POLLHUP, 0};
@@ -33,8 +33,8 @@ bool waitUntilWritable(int socket) {
 
 } // namespace
 
-/// The steps take the logger's lock where they need it. Those that return bool return false when
-/// the stream has ended.
+/// The steps take the logger's lock if they need it. The bool of a delivery is false when the
+/// stream has ended.
 class Logger::Stream {
 public:
     /// `transferBuffer` has transferBufferSize bytes and outlives the stream.
@@ -45,9 +45,9 @@ public:
         state_.socket = socket;
     }
 
-    /// Delivers the newest `maxsize` bytes, however slowly the client reads.
+    /// Delivers the newest `maxsize` bytes, also to a client that reads slowly.
     bool deliverRecentLogs() { return deliverNewest() && deliverBacklog(); }
-    /// Delivers each new entry until the client leaves or streams are to end.
+    /// Delivers each new entry until the client leaves or streams are ended.
     void followLog();
 
 private:
@@ -55,7 +55,7 @@ private:
     bool deliverBacklog();
     bool deliverFromResumePoint();
     bool sendListed() QWK_REQUIRES(logger_);
-    /// Waits for an entry since the last delivery; true when streams are to end. Unchecked, because
+    /// Waits for an entry since the last delivery; true when streams are ended. Unchecked, because
     /// a standard condition variable takes a standard lock.
     bool waitForEntry() QWK_UNCHECKED;
 
@@ -113,7 +113,7 @@ bool Logger::Stream::waitForEntry() {
     std::unique_lock<std::mutex> held(logger_.mutex_);
     while (logger_.entriesAdded_ == entriesSeen_ && !logger_.streamsEnding_)
         logger_.cacheChanged_.wait(held);
-    // A stream that has sent nothing has no line to go on from: it starts with the newest entry.
+    // A stream that has sent nothing has no line to continue from: it starts with the newest entry.
     if (state_.count_total == 0)
         state_.id = logger_.lastId_;
     return logger_.streamsEnding_;

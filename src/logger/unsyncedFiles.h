@@ -9,17 +9,17 @@
 
 namespace qwk {
 
-/// A file or folder that is kept open, so that it can be synced after a rename and also when the
-/// process has no descriptor left.
+/// A file or folder that stays open, so that it can be synced after a rename and when the process
+/// has no descriptor left.
 class StableFile {
 public:
-    /// A failure to open shows in sync().
+    /// A failure to open is reported by sync().
     explicit StableFile(std::string path);
 
     /// Whether `path` still names this file.
     bool isCurrent() const;
 
-    /// Waits until the content is on stable storage; reports when that fails.
+    /// Waits until the content is on stable storage; reports a failure.
     void sync() const;
 
 private:
@@ -30,7 +30,7 @@ private:
 
 using StableFiles = std::vector<std::shared_ptr<const StableFile>>;
 
-/// Knows which files hold lines that may not be on stable storage. Its user holds the log's lock.
+/// Knows which files have lines that may not be on stable storage. Its user holds the log's lock.
 class UnsyncedFiles {
 public:
     /// Opens the log file and its folder, before the first line is written.
@@ -47,7 +47,7 @@ public:
 private:
     const std::shared_ptr<const StableFile> folder_;
     std::shared_ptr<const StableFile> logFile_;
-    /// The folder has an entry that may not be on stable storage: at first, the log file's own.
+    /// The folder has an entry that may not be on stable storage: at first that of the log file.
     bool folderChanged_ = true;
     bool lineWritten_ = false;
 };

@@ -45,9 +45,9 @@ int sendLine(int socket, const std::string& line) {
 
 enum class Wait { answer, outputGone, failed };
 
-// Waits for the next piece of the answer, or until the reader of `out` has left: a quiet log would
-// otherwise keep the client of a closed pipe for ever. A stream without a descriptor has no reader
-// that could leave, and poll() skips its -1.
+// Waits for the next piece of the answer, or until the reader of `out` has left: otherwise, with a
+// quiet log, the client of a closed pipe would wait for ever. A stream without a descriptor has no
+// reader that could leave, and poll() skips its -1.
 Wait waitForAnswer(int socket, std::FILE* out) {
     for (;;) {
         pollfd watched[2] = {{socket, POLLIN, 0}, {fileno(out), 0, 0}};
@@ -63,8 +63,8 @@ Wait waitForAnswer(int socket, std::FILE* out) {
     }
 }
 
-// Writes text that the caller left in the stream's buffer. A flush drops the part that a
-// non-blocking output does not take at once, so the output blocks for as long as the flush lasts.
+// Writes text that the caller left in the stream's buffer. A flush would drop the part that a
+// non-blocking output does not accept, so the output blocks during the flush.
 bool flushBuffered(std::FILE* out) {
     if (__fpending(out) == 0)
         return true;
@@ -78,7 +78,7 @@ bool flushBuffered(std::FILE* out) {
     return flushed;
 }
 
-// Writes all of the bytes, however long the output takes for them. False when it takes no more.
+// Writes all of the bytes and waits while the output is full. False when the output fails.
 bool writeToDescriptor(int descriptor, const char* text, std::size_t length) {
     while (length > 0) {
         const ssize_t written = retryOnInterrupt([&] { return write(descriptor, text, length); });
@@ -95,15 +95,15 @@ bool writeToDescriptor(int descriptor, const char* text, std::size_t length) {
     return true;
 }
 
-// Writes all of it at once, in the stream's order. Where there is a descriptor the text goes past
-// the stream's buffer, from which a flush drops text. False when the output takes no more.
+// Writes the text immediately and in order. With a descriptor, the text bypasses the stream's
+// buffer, because a flush can drop text from it. False when the output fails.
 bool writeOut(std::FILE* out, const char* text, std::size_t length) {
     if (fileno(out) < 0)
         return std::fwrite(text, 1, length, out) == length && std::fflush(out) == 0;
     return flushBuffered(out) && writeToDescriptor(fileno(out), text, length);
 }
 
-// Prints a received piece, which a zero byte follows; false when the output takes no more.
+// Prints a received piece, which a zero byte follows; false when the output fails.
 bool printPiece(char* piece, std::size_t length, std::FILE* out) {
     std::size_t printed = std::strlen(piece);
     if (piece[length - 1] == '\0')
@@ -146,7 +146,7 @@ std::string requestLine(int argc, const char* const* argv) {
 }
 
 void printUsage() {
-    // The text stays, "-c" included, although the daemon takes "--clear" alone.
+    // The text is fixed. It has "-c", although the daemon accepts only "--clear".
     std::fputs("Usage: quillwick\n"
                "       quillwick -c\n"
                "       quillwick -p\n"

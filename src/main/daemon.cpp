@@ -49,7 +49,7 @@ sigset_t handledSignalSet() {
     return set;
 }
 
-// All threads inherit this: none but the main one ever takes a handled signal.
+// All threads inherit this, so that only the main thread handles signals.
 void blockHandledSignals() {
     const sigset_t set = handledSignalSet();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
@@ -61,7 +61,7 @@ void createObjects(std::vector<FileDescriptor> wakeUps) {
     g_daemon.server = new Server(g_daemon.logger);
 }
 
-// A signal that came during start-up was held back and is taken here.
+// A signal that arrived during start-up was blocked and is handled here.
 void takeSignals() {
     for (const HandledSignal& handled : handledSignals)
         std::signal(handled.number, onSignal);
@@ -69,13 +69,13 @@ void takeSignals() {
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-// Opens the FRAM cache, however long its device takes to appear after a first warning. Null only
-// when the daemon is to stop.
+// Opens the FRAM cache. If the device is missing, warns after the first time-out and then waits
+// without limit. Returns null only when a stop was requested.
 std::unique_ptr<Eeprom> openEeprom(int& timeoutMs, ServiceStatus& status) {
     const auto deviceMissing = [&status] { status.waitForDevice(); };
     std::unique_ptr<Eeprom> eeprom(Eeprom::open(g_daemon.logger, timeoutMs, deviceMissing));
     if (!eeprom && !stopRequest().isRequested()) {
-        // The spelling stays: others match this text.
+        // Other programs match this text, including its spelling.
         report(LOG_WARNING, "Openening i2c bus for EEPROM timed out.");
         timeoutMs = withoutLimit;
         eeprom.reset(Eeprom::open(g_daemon.logger, timeoutMs, deviceMissing));
@@ -83,7 +83,7 @@ std::unique_ptr<Eeprom> openEeprom(int& timeoutMs, ServiceStatus& status) {
     return eeprom;
 }
 
-// Moves entries from the journal to the FRAM cache until the daemon is to stop.
+// Moves entries from the journal to the FRAM cache until a stop is requested.
 void mainLoop(ServiceStatus& status) {
     std::int32_t priority = 0;
     std::uint64_t timestamp = 0;
@@ -108,13 +108,13 @@ void mainLoop(ServiceStatus& status) {
 void reportSignal(int number) {
     for (const HandledSignal& handled : handledSignals)
         if (handled.number == number)
-            // The newline is part of the text, though syslog ends each message itself.
+            // The newline is part of the text, although syslog ends each message itself.
             report(LOG_DEBUG, "Received signal %s.\n", handled.name);
 }
 
 // In the reverse of the order of creation, so that no object outlives one that it uses.
 [[noreturn]] void tearDown() {
-    // A further signal has nothing to add, and must not meet the objects that exit() destroys.
+    // A further signal changes nothing, and must not use the objects that exit() destroys.
     blockHandledSignals();
     reportSignal(stopRequest().signal());
     delete g_daemon.server;
@@ -129,7 +129,7 @@ void runDaemon() {
     blockHandledSignals();
     blockBrokenPipe();
     std::vector<FileDescriptor> wakeUps = takeHandedOverDescriptors();
-    static_cast<void>(stopRequest()); // made before the handler can use it
+    static_cast<void>(stopRequest()); // created before the handler can use it
     createObjects(std::move(wakeUps));
     takeSignals();
     ServiceStatus status;

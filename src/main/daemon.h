@@ -20,7 +20,7 @@ extern DaemonObjects g_daemon;
 /// status 0 after a handled signal.
 [[noreturn]] void runDaemon();
 
-/// The handler of the signals that end the daemon: only asks for the stop.
+/// The handler of the signals that end the daemon: only requests the stop.
 void onSignal(int signal);
 
 } // namespace qwk

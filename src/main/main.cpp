@@ -11,7 +11,7 @@
 
 namespace {
 
-// Sockets and files must not get the numbers that messages are printed to.
+// Sockets and files must not get the numbers of the standard streams.
 void occupyStandardDescriptors() {
     int descriptor = 0;
     while (descriptor >= 0 && descriptor <= STDERR_FILENO)

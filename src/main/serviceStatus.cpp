@@ -39,7 +39,7 @@ void ServiceStatus::failToStore() {
 }
 
 void ServiceStatus::giveWay() {
-    // The manager reads what a process has told before it looks at the end of that process.
+    // The manager reads the messages of a process before it notices the end of that process.
     static_cast<void>(sd_notify(keepEnvironment, "READY=1\nSTATUS=Another daemon runs already."));
 }
 
@@ -49,11 +49,11 @@ void ServiceStatus::enter(State state) {
     state_ = state;
     since_ = std::time(nullptr);
     unstored_ = 0;
-    if (state != State::chipSilent) // which is told with its first entry
+    if (state != State::chipSilent) // failToStore reports this state
         tell();
 }
 
-// A failure leaves an older line, and there is nobody else to tell.
+// After a failure the manager shows an older line; there is no one else to inform.
 void ServiceStatus::tell() const {
     const TimeText since(since_);
     switch (state_) {

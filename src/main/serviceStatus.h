@@ -5,24 +5,24 @@
 
 namespace qwk {
 
-/// Tells the service manager, which shows it to whoever asks for the daemon's status, what the
-/// daemon does: in one line, sent when the state changes. A process whose environment has no
-/// NOTIFY_SOCKET tells nobody. Used by the main thread only.
+/// Reports the daemon's state to the service manager, which shows it as the daemon's status. One
+/// line is sent whenever the state changes, and none if the environment has no NOTIFY_SOCKET. Used
+/// by the main thread only.
 class ServiceStatus {
 public:
-    /// Start-up is over; entries are stored from here on, until one of the following is told.
+    /// Start-up is over; the state is that entries are stored, until another one is reported.
     void ready();
     void stopping();
 
     void waitForJournal() { enter(State::waitingForJournal); }
     void waitForDevice() { enter(State::waitingForDevice); }
-    /// The last entry was stored, or the journal is there.
+    /// The last entry was stored, or the journal exists now.
     void store() { enter(State::storing); }
-    /// The last entry was not stored. The line is renewed when their number has doubled.
+    /// The last entry was not stored. The line is sent again whenever their number has doubled.
     void failToStore();
 
-    /// For a process that ends at once because another daemon runs. The service manager has then
-    /// seen a start that succeeded, and does not repeat it.
+    /// For a process that ends immediately because another daemon runs. To the service manager the
+    /// start has succeeded, so it does not repeat it.
     static void giveWay();
 
 private:
@@ -33,7 +33,7 @@ private:
 
     State state_ = State::storing;
     std::time_t since_ = 0;
-    /// Entries of this state that are in memory only.
+    /// Entries since the chip fell silent, which are in memory only.
     std::uint32_t unstored_ = 0;
 };
 

@@ -22,8 +22,8 @@ bool isProcessId(const char* name) {
     return *end == '\0';
 }
 
-// A daemon's command line is the program's name alone; a client's has arguments. Each argument ends
-// with a zero byte there.
+// The command line of a daemon is only the program's name; that of a client has arguments. A zero
+// byte ends each argument.
 bool isDaemon(const char* processId) {
     const std::string path = std::string("/proc/") + processId + "/cmdline";
     const FileDescriptor file = openForReading(path.c_str());

@@ -2,8 +2,8 @@
 
 namespace qwk {
 
-/// Whether a second process runs as daemon beside the calling one, which counts as the first. The
-/// command lines of all processes tell: there is no file that a killed daemon could leave.
+/// Whether a second process runs as daemon; the calling one counts as the first. Looks at the
+/// command lines of all processes, so there is no file that a killed daemon could leave.
 bool isDaemonRunning();
 
 } // namespace qwk

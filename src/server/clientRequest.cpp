@@ -20,7 +20,7 @@ constexpr std::size_t maxRequest = 1024;
 constexpr int eepromTimeoutMs = 5000;
 
 // Receives once: a request is one message. Terminates the text in `buffer`; false when the receive
-// fails, which is reported.
+// fails (reported).
 bool receiveRequest(int socket, char (&buffer)[maxRequest + 1]) {
     const ssize_t got = retryOnInterrupt([&] { return recv(socket, buffer, maxRequest, 0); });
     if (got < 0) {
@@ -68,7 +68,7 @@ const char* carryOut(const Request& request, Connection& connection, Logger& log
     return "";
 }
 
-// The zero byte that ends the text goes with it: it tells the client where the answer ends.
+// Sends the terminating zero byte, too: it marks the end of the answer for the client.
 void sendAnswer(int socket, const char* text) {
     if (sendAll(socket, text, std::strlen(text) + 1) != 0)
         report(LOG_ERR, "Send error (%s).", errorText(errno).c_str());

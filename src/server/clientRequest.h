@@ -6,9 +6,9 @@ namespace qwk {
 
 class Logger;
 
-/// Receives one request from the client, carries it out and sends the answer. A client that listens
-/// is served until it leaves or the logger ends its streams. Leaves the connection open. Failures
-/// are reported; throws std::system_error when a lock fails, std::bad_alloc when memory is short.
+/// Receives one request from the client, carries it out and sends the answer. Serves a listening
+/// client until it leaves or the logger ends its streams. Leaves the connection open. Reports
+/// failures; throws std::system_error when a lock fails, std::bad_alloc when memory is short.
 void serveClient(Connection& connection, Logger& logger);
 
 } // namespace qwk

@@ -4,7 +4,7 @@
 
 namespace qwk {
 
-/// Owner of a client's socket, and of a stdio stream over it once that was asked for.
+/// Owner of a client's socket, and of the stdio stream over it if there is one.
 class Connection {
 public:
     explicit Connection(int socket) : socket_(socket) {}
@@ -15,13 +15,13 @@ public:
 
     int socket() const { return socket_; }
 
-    /// A stream for writing to the socket, asked for once; null when it cannot be opened. From here
+    /// A stream for writing to the socket; null when it cannot be opened. Call it once: from then
     /// on the stream owns the descriptor.
     std::FILE* openStream();
 
-    /// Closes the descriptor; it is closed once, however often this is called. Never waits for the
-    /// client, because a dump leaves nothing in the stream's buffer: it ends with a flush, and a
-    /// flush that fails drops the text.
+    /// Closes the descriptor; later calls have no effect. Never waits for the client, because a
+    /// dump leaves nothing in the stream's buffer: it ends with a flush, and a failed flush drops
+    /// the text.
     void close();
 
 private:

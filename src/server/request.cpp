@@ -41,7 +41,7 @@ Request parseRequest(char* text) {
         else if (std::strcmp(word, "-l") == 0)
             setOnce(request.listen, request);
         else if (std::strcmp(word, "-g") == 0)
-            parseMaxsize(strtok_r(nullptr, "", &rest), request); // all that is left
+            parseMaxsize(strtok_r(nullptr, "", &rest), request); // the whole rest
         else
             request.parseError = true;
     return request;

@@ -48,7 +48,7 @@ Server::Server(Logger* logger) : logger_(logger) {
 
 bool Server::bindSocket(int socket) {
     const sockaddr_un address = controlSocketAddress();
-    // Only the daemon's user and root may connect; the path takes the socket's mode over.
+    // Only the daemon's user and root may connect; the path gets the socket's mode.
     static_cast<void>(fchmod(socket, S_IRUSR | S_IWUSR));
     // A killed daemon leaves its socket file.
     static_cast<void>(unlink(controlSocketPath));
@@ -56,7 +56,7 @@ bool Server::bindSocket(int socket) {
         return true;
     const std::string reason = errorText(errno);
     report(LOG_ERR, "Cannot bind socket to %s (%s).", controlSocketPath, reason.c_str());
-    // The newline before the full stop stays: others match this text.
+    // Other programs match this text, including the newline before the full stop.
     std::printf("Cannot bind socket to %s (%s)\n.", controlSocketPath, reason.c_str());
     std::fflush(stdout);
     return false;
@@ -78,8 +78,8 @@ void Server::startAcceptThread() {
 
 void Server::acceptLoop() {
     for (;;) {
-        // Read once: the number stays open until this thread has ended, and a poll of it is woken
-        // by the stop, while a poll of -1 would last its full time.
+        // Read once: the number stays open until this thread has ended. The stop wakes a poll of
+        // it, but a poll of -1 would last its full time.
         const int socket = listenSocket_;
         if (socket < 0)
             break;
@@ -88,8 +88,8 @@ void Server::acceptLoop() {
         if (listenSocket_ < 0)
             break;
         if (ready == 1 && !acceptClient(socket)) {
-            // Closed, unless the destructor has taken it: clients in the queue, or in connect()
-            // for a place in it, are refused now rather than kept for ever.
+            // Closes it, unless the destructor has taken it. This refuses the clients that wait in
+            // the queue, or in connect(), which would otherwise wait for ever.
             const FileDescriptor closing(listenSocket_.exchange(-1));
             break;
         }
@@ -110,7 +110,7 @@ bool Server::acceptClient(int listenSocket) {
 }
 
 std::string Server::startClientThread(int socket) {
-    // Held over the start: the new thread finds its entry however soon it ends.
+    // Held until the thread has started: it finds its entry, however soon it ends.
     const Held<Mutex> held(clientsMutex_);
     try {
         const auto entry = clients_.emplace(socket, nullptr).first;
@@ -162,8 +162,8 @@ Server::~Server() {
 }
 
 void Server::stopAccepting() {
-    // The number is taken out first and closed last, so the accept thread never polls a number that
-    // belongs to something else by then.
+    // Taken first and closed last, so that the accept thread never polls a number that belongs to
+    // another file.
     const FileDescriptor socket(listenSocket_.exchange(-1));
     if (socket.isOpen())
         static_cast<void>(shutdown(socket.get(), SHUT_RDWR)); // ends the accept thread's poll

@@ -13,13 +13,12 @@ namespace qwk {
 class Connection;
 class Logger;
 
-/// The control socket: accepts clients on a thread of its own and serves each on a further one.
-/// Those threads are detached; the registry and acceptThread_ tell the destructor when they have
-/// ended.
+/// The control socket: accepts clients on one thread and serves each on a thread of its own. All
+/// are detached; the registry and acceptThread_ show the destructor when they have ended.
 class Server {
 public:
-    /// Binds the control socket and starts to accept. A failure is reported; the server then serves
-    /// no clients. `logger` is not owned and outlives the server.
+    /// Binds the control socket and starts to accept. Reports a failure; the server is inert then.
+    /// `logger` is not owned and outlives the server.
     explicit Server(Logger* logger);
     /// Ends every connection and waits until every thread has ended.
     virtual ~Server();
@@ -36,7 +35,7 @@ private:
     void acceptLoop();
     /// False when no further client can be accepted.
     bool acceptClient(int listenSocket);
-    /// Empty, or the system's text for the failure; the socket is closed then.
+    /// Returns an empty text, or the reason of a failure; the socket is closed then.
     std::string startClientThread(int socket);
     void finishAcceptThread();
 
@@ -52,15 +51,15 @@ private:
     void wakeStreams();
     void waitForClients();
 
-    /// The listening descriptor; -1 when there is none. It is closed by the thread that takes it
-    /// out: the destructor's, or the accept thread when it can accept no more.
+    /// The listening descriptor; -1 when there is none. The thread that sets -1 closes it: the
+    /// destructor's, or the accept thread when it cannot accept any more.
     std::atomic<int> listenSocket_{-1};
     /// Null while no accept thread runs. Set with clientsMutex_ held, so that the thread cannot
-    /// clear it before it is set; owned and deleted by the accept thread.
+    /// clear it before. The accept thread owns and deletes it.
     std::atomic<std::thread*> acceptThread_{nullptr};
     /// The threads that serve clients, by descriptor.
     std::map<int, std::unique_ptr<std::thread>> clients_ QWK_GUARDED_BY(clientsMutex_);
-    /// A leaf lock: nothing waits and no other lock is taken while it is held.
+    /// A leaf lock: its holder does not wait and takes no other lock.
     Mutex clientsMutex_;
     Logger* const logger_;
 };

@@ -8,7 +8,7 @@
 
 namespace qwk {
 
-/// The address that the daemon binds and the client connects to. Its whole size is passed on.
+/// The address that the daemon binds and the client connects to. Pass its whole size to the calls.
 inline sockaddr_un controlSocketAddress() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -16,7 +16,7 @@ inline sockaddr_un controlSocketAddress() {
     return address;
 }
 
-/// The view that the socket calls take of it.
+/// The type that the socket calls expect.
 inline const sockaddr* asSocketAddress(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }

@@ -11,7 +11,7 @@ namespace qwk {
 
 namespace {
 
-// Constant from the start and without a destructor: threads report until the process has ended.
+// Initialised before the start and without a destructor: threads report until the process ends.
 MessageLimiter limiter;
 static_assert(std::is_trivially_destructible_v<MessageLimiter>);
 

@@ -8,8 +8,8 @@
 
 namespace qwk {
 
-/// A mutex that is handed to its waiters in the order in which they came. With a plain one, a
-/// thread that unlocks and locks in a loop can keep all others out for as long as the loop lasts.
+/// A mutex that its waiters get in the order of their calls. With a plain mutex, a thread that
+/// unlocks and locks in a loop can keep all others out for as long as the loop lasts.
 class QWK_LOCKABLE FairMutex {
 public:
     void lock() QWK_ACQUIRES() {

@@ -29,7 +29,7 @@ private:
     int descriptor_ = -1;
 };
 
-/// Calls a system call again for as long as a signal interrupts it.
+/// Repeats a system call while a signal interrupts it.
 template<typename Call>
 auto retryOnInterrupt(Call call) -> decltype(call()) {
     for (;;) {
@@ -42,11 +42,11 @@ auto retryOnInterrupt(Call call) -> decltype(call()) {
 /// Opens a file read-only and close-on-exec.
 FileDescriptor openForReading(const char* path);
 
-/// Reads up to `length` bytes; 0 at the end of the file, -1 on failure (errno tells).
+/// Reads up to `length` bytes; 0 at the end of the file, -1 on failure (errno is set).
 ssize_t readSome(int descriptor, void* buffer, std::size_t length);
 
-/// Sends all of the bytes to a blocking socket. A call that takes none ends the sending without an
-/// error. Returns 0, or -1 on failure (errno tells).
+/// Sends all of the bytes to a blocking socket. A call that sends no byte ends the sending without
+/// an error. Returns 0, or -1 on failure (errno is set).
 int sendAll(int socket, const char* bytes, std::size_t length);
 
 } // namespace qwk

@@ -35,7 +35,7 @@ MessageLimiter::Kind& MessageLimiter::kindOf(const char* format) {
 void MessageLimiter::regain(Kind& kind, Clock::time_point now) {
     const auto periods = (now - kind.regainedUntil) / regainPeriod;
     if (periods >= fullAllowance - kind.allowance) {
-        // A full allowance gains nothing: its first period begins when it is first used.
+        // A full allowance gains nothing: its first period begins with its first use.
         kind.allowance = fullAllowance;
         kind.regainedUntil = now;
     } else {

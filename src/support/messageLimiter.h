@@ -8,18 +8,18 @@
 namespace qwk {
 
 /// Keeps a lasting fault from filling the journal. Each kind of message has an allowance: it starts
-/// at 256 messages and regains one every 10 s, up to 256 again. So a burst is complete, a kind that
-/// keeps coming is let through every 10 s, and after 43 quiet minutes all is as at the start.
+/// at 256 messages and regains one every 10 s, up to 256 again. So a burst is written completely, a
+/// lasting fault every 10 s, and after 43 quiet minutes the allowance is full again.
 ///
-/// Memory is fixed. Kinds beyond the table's size share one allowance; the daemon has fewer kinds.
-/// Any thread may use an object; it never allocates.
+/// Kinds beyond the table's size share one allowance; the daemon has fewer kinds. Any thread may
+/// use an object; it never allocates.
 class MessageLimiter {
 public:
     using Clock = std::chrono::steady_clock;
 
     struct Verdict {
         bool isLetThrough;
-        /// With a message that is let through: how many of its kind were held back since the last
+        /// For a message that is let through: how many of its kind were held back since the last
         /// one. Saturates.
         std::uint32_t heldBack;
     };
@@ -44,7 +44,7 @@ private:
     static void regain(Kind& kind, Clock::time_point now);
 
     std::mutex mutex_;
-    // Guarded by mutex_. The last one is shared by all kinds that find no place.
+    // Guarded by mutex_. All kinds that find no place share the last one.
     std::array<Kind, 64> kinds_;
 };
 

@@ -2,8 +2,8 @@
 
 namespace qwk {
 
-/// Makes writing to a peer or a reader that has left an error of the call, and not the end of the
-/// process: blocks SIGPIPE in the calling thread and in the threads that it starts later.
+/// Blocks SIGPIPE in the calling thread and in the threads that it starts later: writing to a peer
+/// that has left then fails with an error and does not end the process.
 void blockBrokenPipe();
 
 } // namespace qwk

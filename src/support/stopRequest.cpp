@@ -11,8 +11,8 @@
 namespace qwk {
 
 StopRequest::StopRequest() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    // Without it a signal still interrupts a wait that it falls into; one that comes just before
-    // is seen after that wait only.
+    // Without it a signal still interrupts a wait, but one that arrives just before a wait is
+    // noticed only after it.
     if (!descriptor_.isOpen())
         report(LOG_ERR, "Cannot create event descriptor (%s).", errorText(errno).c_str());
 }
@@ -22,7 +22,7 @@ void StopRequest::request(int signal) noexcept {
     int none = 0;
     signal_.compare_exchange_strong(none, signal);
     const std::uint64_t one = 1;
-    // A full counter is already readable, and that is all the write is for.
+    // A write to a full counter fails, but then the descriptor is readable already.
     static_cast<void>(!write(descriptor_.get(), &one, sizeof one));
     errno = keptErrno;
 }

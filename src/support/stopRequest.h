@@ -7,8 +7,8 @@
 
 namespace qwk {
 
-/// The wish of a handled signal that the daemon ends. It is carried by a descriptor, so that a
-/// wait which watches it cannot miss a request made just before the wait began.
+/// A signal's request that the daemon stop. A wait that watches the descriptor cannot miss a
+/// request made just before the wait began.
 class StopRequest {
 public:
     StopRequest();
@@ -17,13 +17,13 @@ public:
     void request(int signal) noexcept;
 
     bool isRequested() const { return signal_.load() != 0; }
-    /// The signal that asked first; 0 while none did.
+    /// The first signal that requested the stop; 0 before that.
     int signal() const { return signal_.load(); }
 
-    /// Becomes readable with the request and stays so: for poll() beside other descriptors.
+    /// Becomes readable with the request and stays readable: for poll() with other descriptors.
     int descriptor() const { return descriptor_.get(); }
 
-    /// Sleeps for `duration`, or less when a stop is requested before. Any thread may call it.
+    /// Sleeps for `duration`, or until a stop is requested. Any thread may call it.
     void sleepFor(std::chrono::milliseconds duration) const;
 
 private:

@@ -2,8 +2,8 @@
 
 #include <mutex>
 
-// Annotations for clang's -Wthread-safety: which lock guards a member, and which lock a function
-// expects to be held. Other compilers see nothing of them.
+// Annotations for clang's -Wthread-safety: which lock guards a member, and which lock the caller of
+// a function must hold. Other compilers do not see them.
 #ifdef __clang__
 #define QWK_THREAD_SAFETY(attribute) __attribute__((attribute))
 #else
@@ -17,7 +17,7 @@
 /// The caller holds the lock; the caller does not hold it.
 #define QWK_REQUIRES(...) QWK_THREAD_SAFETY(requires_capability(__VA_ARGS__))
 #define QWK_EXCLUDES(...) QWK_THREAD_SAFETY(locks_excluded(__VA_ARGS__))
-/// A function that takes, or gives back, the lock.
+/// A function that takes, or releases, the lock.
 #define QWK_ACQUIRES(...) QWK_THREAD_SAFETY(acquire_capability(__VA_ARGS__))
 #define QWK_RELEASES(...) QWK_THREAD_SAFETY(release_capability(__VA_ARGS__))
 /// A function whose locking clang cannot follow; the reason is beside it.

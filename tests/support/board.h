@@ -38,7 +38,7 @@ using Lines = std::vector<Line>;
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 using Bytes = std::vector<std::uint8_t>;
 
-/// The log as the FRAM cache sees it: lines that reached the log file, and the recent entries.
+/// The log as the FRAM cache uses it: lines that reached the log file, and the recent entries.
 class RecordingSink : public qwk::LogSink {
 public:
     void nextSequenceNumber(std::uint32_t& next) override { next = nextId; }
@@ -72,7 +72,7 @@ public:
         mutex_.unlock();
     }
 
-    std::uint32_t nextId = 0; ///< what the log file would say
+    std::uint32_t nextId = 0; ///< after the last line of the log file
     std::function<void()> onUnlock;
     bool isLocked = false;
     bool filled = false;
@@ -83,7 +83,7 @@ private:
     std::mutex mutex_;
 };
 
-/// The board's chip at its place, and a cache over it whose every operation opens the device anew.
+/// The board's stand-in chip at its path, and a cache whose every operation opens the device anew.
 template<class Device, class Messages>
 class BoardOver : public testing::Test {
 protected:
@@ -91,7 +91,7 @@ protected:
         return qwk::Eeprom(qwk::eepromDevicePath, qwk::eepromSlaveAddress, &sink);
     }
     void append(const std::string& message) { openEeprom().append(6, 0, message); }
-    /// A new process would know nothing of the entries in the chip, but for what the load finds.
+    /// Loads the entries in the chip like a new process.
     void load() {
         sink.recent.clear();
         sink.filled = false;

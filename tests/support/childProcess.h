@@ -21,12 +21,12 @@ namespace testSupport {
 
 using Descriptor = qwk::FileDescriptor;
 
-/// A program running as a child; killed and reaped at the latest by the destructor. Not for use by
-/// several threads at once.
+/// A program that runs as a child; the destructor kills and reaps it. Not for use by several
+/// threads at once.
 class ChildProcess {
 public:
-    /// The path is not searched for; args do not contain the program's name; input is what the
-    /// child reads from its standard input. Throws std::system_error if it cannot be started.
+    /// PATH is not searched; args do not contain the program's name; the child reads input from its
+    /// standard input. Throws std::system_error if it cannot be started.
     ChildProcess(const std::string& path, std::vector<std::string> args,
                  const std::string& input = {}) {
         if (write(input_.get(), input.data(), input.size()) < 0 ||
@@ -43,8 +43,7 @@ public:
         posix_spawn_file_actions_adddup2(&actions, input_.get(), STDIN_FILENO);
         posix_spawn_file_actions_adddup2(&actions, output_.get(), STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, output_.get(), STDERR_FILENO);
-        // Not bound to the life of the starting thread: the sandbox's end is the child's end
-        // anyway.
+        // Needs no bond to the life of the starting thread: the child ends with the sandbox.
         const int error =
             posix_spawn(&pid_, path.c_str(), &actions, nullptr, arguments.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
@@ -57,15 +56,15 @@ public:
         }
     }
 
-    /// The number remains after the end; it is free for other processes then.
+    /// Does not change after the end, when other processes may get the number.
     pid_t pid() const { return pid_; }
-    /// Without effect once the end was seen by wait().
+    /// Has no effect after wait() has seen the end.
     void kill(int signal) {
         if (!ending_)
             ::kill(pid_, signal);
     }
-    /// The exit status, or the negated number of the signal that ended the child; nothing if it
-    /// still runs at the limit. May be repeated.
+    /// Returns the exit status, or the negated number of the signal that ended the child; nothing
+    /// if it still runs after the limit. May be repeated.
     std::optional<int> wait(std::chrono::milliseconds limit) {
         eventually(limit, [this] {
             int status = 0;
@@ -76,9 +75,9 @@ public:
         return ending_;
     }
 
-    /// All that the child has written so far to standard output and standard error.
+    /// Everything that the child has written to standard output and standard error.
     std::string output() const {
-        // Seen through /proc, a file's own position stays where the child writes.
+        // Reading through /proc does not move the position at which the child writes.
         return readFile("/proc/self/fd/" + std::to_string(output_.get()));
     }
     bool waitForOutput(std::string_view text, std::chrono::milliseconds limit) const {
@@ -99,7 +98,7 @@ struct RunResult {
     std::string output;
 };
 
-/// Runs a program to its end. Throws std::runtime_error if that takes longer than a minute.
+/// Runs a program to its end. Throws std::runtime_error after a minute.
 inline RunResult run(const std::string& path, const std::vector<std::string>& args,
                      const std::string& input = {}) {
     ChildProcess child(path, args, input);
@@ -109,7 +108,7 @@ inline RunResult run(const std::string& path, const std::vector<std::string>& ar
     return {*ending, child.output()};
 }
 
-/// Where the build has put one of its products.
+/// The path of a built program.
 inline std::string buildPath(const std::string& name) {
     return QUILLWICK_BUILD_DIR "/" + name;
 }

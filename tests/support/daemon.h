@@ -21,7 +21,7 @@ namespace testSupport {
 
 using namespace std::chrono_literals;
 
-// A socket connected to the daemon; none in it when nobody listens.
+// A socket connected to the daemon; empty if no daemon listens.
 inline Descriptor connectToDaemon() {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_un address = qwk::controlSocketAddress();
@@ -38,7 +38,7 @@ inline Descriptor request(const std::string& line) {
     return socket;
 }
 
-// All that arrives until the other side closes.
+// Everything that arrives until the other side closes.
 inline std::string receiveAll(const Descriptor& socket) {
     std::string all;
     char piece[65536];
@@ -50,7 +50,7 @@ inline std::string receiveAll(const Descriptor& socket) {
 // The daemon as a child process. The constructor returns when it serves clients.
 class Daemon : public ChildProcess {
 public:
-    // What a shell does before, such as "ulimit -n 30; exec".
+    // A shell runs `before` first, such as "ulimit -n 30; exec".
     explicit Daemon(const std::string& before = "exec")
         : ChildProcess("/bin/bash", {"-c", before + ' ' + buildPath("quillwick")}) {
         if (!eventually(30s, [] { return connectToDaemon().isOpen(); }))
@@ -63,7 +63,7 @@ public:
     }
 };
 
-// A daemon with a wake-up descriptor, handed over as the service manager does it.
+// A daemon that gets a wake-up descriptor as from the service manager.
 inline std::unique_ptr<Daemon> startWithWakeUps(const Descriptor& wakeUps) {
     const Descriptor inherited(fcntl(wakeUps.get(), F_DUPFD, 10));
     const std::string number = std::to_string(inherited.get());
@@ -71,24 +71,24 @@ inline std::unique_ptr<Daemon> startWithWakeUps(const Descriptor& wakeUps) {
                                     "<&-; LISTEN_PID=$$ LISTEN_FDS=1 exec");
 }
 
-// What the client prints for these arguments.
+// The output of the client for these arguments.
 inline std::string client(const std::vector<std::string>& arguments) {
     return run(buildPath("quillwick"), arguments).output;
 }
 
-// The board with everything but the daemon: chip, journal, log folder.
+// The board without the daemon: chip, journal, log folder.
 class System : public testing::Test {
 protected:
     std::string logFile() {
         return std::filesystem::exists(qwk::logFilePath) ? readFile(qwk::logFilePath) : "";
     }
-    // Each text as an error of one program, in the journal's files when this returns.
+    // Logs each text as an error of one program; they are in the journal's files on return.
     void log(const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
             journald.log(3, "test", text);
         journald.sync();
     }
-    // True once the daemon's newest text, or its log file, holds the text.
+    // Waits until the daemon's newest text, or its log file, contains the text.
     bool arrives(const std::string& text) {
         const auto isThere = [&] {
             return (client({"-g", "100000"}) + logFile()).find(text) != std::string::npos;

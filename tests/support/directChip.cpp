@@ -1,5 +1,6 @@
-// What a program linked with this file has in the place of a bus device and of syslog. The calls of
-// the statically linked code, the product's among it, come here by the linker's option --wrap.
+// Replaces the bus device and syslog in a program that is linked with this file. The linker's
+// option
+// --wrap redirects the calls of the statically linked code, including the product's, to this file.
 
 #include "support/directChip.h"
 
@@ -64,7 +65,7 @@ int __wrap_close(int descriptor) {
     return descriptor == testSupport::chipDescriptor ? 0 : __real_close(descriptor);
 }
 
-// Selects the slave: the only use of it here.
+// Only used to select the slave.
 int __wrap_ioctl(int, unsigned long, ...) {
     return 0;
 }

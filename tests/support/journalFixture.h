@@ -15,7 +15,7 @@
 
 namespace testSupport {
 
-/// The form for any bytes, in the export format and in datagrams to the journal daemon.
+/// A field with any bytes, for the export format and for datagrams to the journal daemon.
 inline std::string journalField(const std::string& name, const std::string& value) {
     std::string text = name + "\n";
     for (unsigned shift = 0; shift < 64; shift += 8)
@@ -31,15 +31,15 @@ inline void mustSucceed(const std::string& path, const std::vector<std::string>&
         throw std::runtime_error(path + " failed: " + result.output);
 }
 
-/// Adds a file with these entries to the runtime journal; each as "NAME=value;NAME=value" with any
-/// bytes but semicolons. The first one's time is 1700000000000001 microseconds, the next one's one
-/// more. A field _BOOT_ID is added to each.
+/// Adds a file with these entries to the runtime journal; each is "NAME=value;NAME=value" with any
+/// bytes but semicolons. The first has the time 1700000000000001 in microseconds, each next one is
+/// one later. Adds a field _BOOT_ID to each.
 inline void writeJournal(const std::vector<std::string>& entries) {
     std::string boot = readFile("/proc/sys/kernel/random/boot_id");
     boot.erase(std::remove(boot.begin(), boot.end(), '-'), boot.end());
     std::string text;
     for (std::size_t i = 1; i <= entries.size(); ++i) {
-        // The journal sorts the entries of one boot by the second stamp.
+        // The journal sorts the entries of one boot by the monotonic time.
         text += "__REALTIME_TIMESTAMP=" + std::to_string(1700000000000000 + i) +
                 "\n__MONOTONIC_TIMESTAMP=" + std::to_string(i) + "\n_BOOT_ID=" + boot;
         std::istringstream fields(entries[i - 1]);
@@ -56,10 +56,10 @@ inline void writeJournal(const std::vector<std::string>& entries) {
                 {"--split-mode=none", "-o", folder / "written.journal", "-"}, text);
 }
 
-/// The socket to which the journal daemon forwards messages, with a queue as long as on a system
-/// that systemd has booted.
+/// The socket to which the journal daemon forwards messages, with a queue of the same length as on
+/// a system that systemd has booted.
 inline Descriptor makeForwardingSocket() {
-    // The length is that of the network namespace in which the socket was made.
+    // The network namespace of the socket determines the length.
     const auto make = [] {
         if (unshare(CLONE_NEWNET) != 0)
             throw std::system_error(errno, std::generic_category(), "network namespace");
@@ -74,10 +74,10 @@ inline Descriptor makeForwardingSocket() {
     return made;
 }
 
-/// The real journal daemon, with its sockets, serving the runtime journal of the sandbox. It stores
-/// nothing elsewhere, limits no rate and reads kernel messages only when asked to. It forwards
-/// messages to a socket at /run/systemd/journal/syslog if there is one. What it has stored remains
-/// when it ends. One at a time.
+/// The real journal daemon, with its sockets, for the runtime journal of the sandbox. It stores
+/// nothing elsewhere, limits no rate and reads kernel messages only on request. It forwards
+/// messages to a socket at /run/systemd/journal/syslog if there is one. The journal remains after
+/// it ends. One at a time.
 class Journald {
 public:
     /// Returns when the daemon accepts entries. Throws std::runtime_error.
@@ -89,7 +89,7 @@ public:
             connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
                 0)
             throw std::runtime_error("journald accepts no entries: " + daemon_.output());
-        std::error_code isTaken; // by a socket of the test's own, which goes first
+        std::error_code isTaken; // by the test's own socket, which has precedence
         std::filesystem::create_symlink("/run/systemd/journal/dev-log", "/dev/log", isTaken);
     }
     ~Journald() {

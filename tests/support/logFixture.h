@@ -14,12 +14,13 @@
 
 namespace testSupport {
 
-/// The log file, or a rolled copy of it.
+/// The log file, or a rolled file.
 inline std::string logFile(int index = 0) {
     return index == 0 ? qwk::logFilePath : qwk::logFilePath + ("." + std::to_string(index));
 }
 
-/// Forgets what an earlier Logger of this process left, and makes log files as small as can be.
+/// Removes everything that an earlier Logger of this process left, and makes log files as small as
+/// possible.
 struct EmptyLog {
     EmptyLog() {
         log4cplus::Logger::getInstance("quillwick").removeAllAppenders();

@@ -7,7 +7,7 @@
 
 namespace testSupport {
 
-// A random test's seed, printed; another one each time, unless --gtest_random_seed gives it.
+// The printed seed of a random test; a new one each time, unless --gtest_random_seed sets it.
 class Random : public std::mt19937 {
 public:
     Random() : Random(static_cast<std::uint32_t>(testing::GTEST_FLAG(random_seed))) {}

@@ -26,13 +26,13 @@ struct SyslogMessage {
     std::string text; ///< without date, identifier and process number
 };
 
-/// Receives what the sandbox's processes say by syslog(), as long as it lives. A process that has
-/// spoken to another receiver before finds this one with its next message, in this process and
-/// where the former receiver is closed.
+/// Receives the syslog() messages of the sandbox's processes while it lives. A process that used an
+/// earlier receiver finds this one with its next message, if it is this process or the earlier
+/// receiver is closed.
 class SyslogCapture {
 public:
     SyslogCapture() {
-        closelog(); // the C library stays connected to a former receiver otherwise
+        closelog(); // otherwise the C library stays connected to an earlier receiver
         unlink(path);
         sockaddr_un address{AF_UNIX, {}};
         std::strcpy(address.sun_path, path);
@@ -47,8 +47,8 @@ public:
         closelog();
     }
 
-    /// The messages since the last call, in the order of their arrival; all that this process has
-    /// said before are among them. For the use of one thread.
+    /// The messages since the last call, in the order of their arrival, including all that this
+    /// process has sent before. For the use of one thread.
     std::vector<SyslogMessage> take() {
         constexpr const char* mark = "-- all before this was received --";
         syslog(LOG_DEBUG, "%s", mark);
@@ -73,7 +73,7 @@ private:
                 return message.text.find(text) != std::string::npos;
             });
     }
-    // A thread, because the kernel queues as few as ten datagrams and syslog() waits from then on.
+    // A thread, because the kernel may queue only ten datagrams, and then syslog() waits.
     void receive() {
         std::vector<char> buffer(1U << 18U);
         for (ssize_t count;

@@ -1,4 +1,4 @@
-// Runs each test in a process and a sandbox of its own: none meets what another has left.
+// Runs each test in a process and a sandbox of its own, so that no test affects another.
 
 #include <csignal>
 #include <cstdio>
@@ -48,7 +48,7 @@ bool passes(const std::string& test, std::vector<char*> arguments) {
 int main(int argc, char** argv) {
     const std::vector<char*> arguments(argv, argv + argc);
     testing::InitGoogleTest(&argc, argv);
-    // The build lists the tests, too, and may do so where no sandbox can be had.
+    // The build also lists the tests, perhaps on a machine without sandboxes.
     if (testing::GTEST_FLAG(list_tests) || testSupport::isInSandbox())
         return RUN_ALL_TESTS();
     std::vector<std::string> failed;

@@ -6,7 +6,7 @@
 
 namespace framEmulator {
 
-/// Throws the failure of the last system call, with a sentence that tells the user the consequence.
+/// Throws the failure of the last system call, with a sentence for the user on its consequence.
 [[noreturn]] inline void failWithErrno(const std::string& sentence) {
     throw std::system_error(errno, std::generic_category(), sentence);
 }

@@ -36,37 +36,37 @@ struct Transfer {
 /// The value of the last stored byte when power was lost while it was written.
 enum class TornByte { newValue, oldValue, randomBits };
 
-/// An 8 KiB FRAM chip as seen over its bus, with faults on demand.
+/// An 8 KiB FRAM chip as its bus shows it, with faults on demand.
 ///
-/// The chip has one address counter for all of its users. Every member may be called from any
-/// thread; transfers exclude one another.
+/// The chip has one address counter for all of its users. Any thread may call any member; transfers
+/// do not overlap.
 ///
 /// A chip that does not answer fails the transfer with -EREMOTEIO, stores nothing and keeps its
-/// counter. Such a transfer counts as one wherever transfers are counted.
+/// counter. Such a transfer is still counted.
 class FramChip {
 public:
-    /// A powered chip of zero bytes with memory of its own.
+    /// A powered chip with memory of its own, in which all bytes are zero.
     FramChip() : FramChip(ownMemory_) {}
-    /// A powered chip whose bytes live in `memory`, which outlives it.
+    /// A powered chip with its bytes in `memory`, which outlives it.
     explicit FramChip(Image& memory) : memory_(memory) {}
 
     /// The first byte sets the upper and the second the lower half of the address counter (modulo
-    /// the chip's size), further bytes are stored from there on. A lone byte sets the upper half.
+    /// the chip's size); further bytes are stored from there on. A lone byte sets the upper half.
     Transfer write(const std::uint8_t* data, std::size_t length, std::uint64_t opener = 0);
-    /// Fills `data` from the address counter on; only `transferred` bytes of it are touched.
+    /// Fills `data` from the address counter on; sets only `transferred` bytes of it.
     Transfer read(std::uint8_t* data, std::size_t length, std::uint64_t opener = 0);
 
-    /// The memory itself, past the bus: no fault applies and nothing is counted.
+    /// The memory itself, without the bus: no fault applies and nothing is counted.
     Image image() const;
     void setImage(const Image& image);
 
-    // Transfers are numbered from 1, which is the next one after the call that sets the fault.
+    // Transfers are numbered from 1: the next one after the call that sets the fault.
 
-    /// The chip does not answer that one transfer. Can be called for several.
+    /// The chip does not answer this transfer. Can be called for several.
     void failTransfer(std::uint64_t number);
-    /// The chip answers neither that transfer nor any later one, until clearFaults().
+    /// The chip answers neither this transfer nor any later one, until clearFaults().
     void failFrom(std::uint64_t number);
-    /// The chip takes or gives at most `bytes` bytes of that transfer, which succeeds with these.
+    /// The chip takes or gives at most `bytes` bytes of this transfer, which succeeds with these.
     void cutTransfer(std::uint64_t number, std::size_t bytes);
     /// Power is lost after `bytes` more bytes on the wire, read or written, a write's address bytes
     /// included; 0 means at once. A transfer that ends with the last such byte still succeeds,
@@ -74,17 +74,17 @@ public:
     void cutPowerAfter(std::uint64_t bytes, TornByte torn = TornByte::newValue,
                        std::uint32_t seed = 1);
     /// The bus master is reset after `bytes` more bytes on the wire, while the chip keeps its
-    /// supply, and then recovers the bus by clock pulses. A transfer that these bytes end in, also
-    /// at its last byte, was not stopped: it fails, and a write takes one more byte, 0xFF. All
-    /// transfers fail from there on, until powerOn(). 0: the reset comes at once, between two
+    /// supply, and then recovers the bus by clock pulses. The transfer in which these bytes end,
+    /// also at its last byte, gets no stop condition: it fails, and a write takes one more byte,
+    /// 0xFF. All transfers fail from then on, until powerOn(). 0 means at once, between two
     /// transfers.
     void resetMasterAfter(std::uint64_t bytes);
-    /// Ends a power cut or reset, or disarms one to come; after a cut the address counter is 0.
+    /// Ends a power cut or reset, or disarms a coming one; after a cut the address counter is 0.
     void powerOn();
     bool isPowered() const;
     /// Every open of the device fails with `error`; 0 lets them succeed again.
     void refuseOpens(int error = ENXIO);
-    /// Takes back all faults set; power that is lost already stays lost.
+    /// Removes all faults; power that is already lost stays lost.
     void clearFaults();
 
     /// 0, or the errno with which opens are refused.
@@ -92,7 +92,7 @@ public:
     /// A number that no other opener of this chip has; never 0.
     std::uint64_t newOpener() { return ++openers_; }
 
-    /// Whether transfers are kept in the record, which has no bound; they are from the start.
+    /// Whether transfers are added to the record, which has no bound; on at first.
     void setRecording(bool on);
     std::vector<Transfer> record() const;
     /// Also sets the two counters to 0; the numbering of faults does not change.
@@ -110,8 +110,8 @@ private:
     };
     struct Plan {
         std::size_t bytes; // that take effect
-        int result;        // unless the last byte turns out torn
-        bool losesPower;   // right after them
+        int result;        // unless the last byte is torn
+        bool losesPower;   // right after these bytes
     };
 
     // All of these need mutex_ held.

@@ -35,8 +35,8 @@ public:
         clock_gettime(CLOCK_MONOTONIC, &start_);
     }
 
-    // Sleeps until start, slave address, `bytes` bytes with their acknowledge bits, and stop have
-    // passed.
+    // Sleeps for the time of the start, the slave address, `bytes` bytes with their acknowledge
+    // bits, and the stop.
     void sleepFor(std::size_t bytes) const {
         if (clockHz_ == 0)
             return;
@@ -58,7 +58,7 @@ private:
     timespec start_{};
 };
 
-// Signals are for the program's other threads; the serving thread inherits this mask.
+// The program's other threads handle signals; the serving thread inherits this mask.
 class AllSignalsBlocked {
 public:
     AllSignalsBlocked() {
@@ -84,7 +84,7 @@ struct ReceiveBuffer {
     fuse_buf value{};
 };
 
-// The library may replace the argument vector by one of its own, which then has to be freed.
+// The library may replace the argument vector by one of its own, which must then be freed.
 struct MountArguments {
     MountArguments() = default;
     MountArguments(const MountArguments&) = delete;
@@ -105,8 +105,8 @@ struct stat fileAttributes(fuse_ino_t inode) {
     return attributes;
 }
 
-// A served file whose server was killed stays mounted and answers ENOTCONN. Unmounts that one;
-// true if there was one, and the mount point beneath it is a plain empty file.
+// The file of a killed server stays mounted and answers ENOTCONN. Unmounts it; true if there was
+// one, and the mount point beneath it is a plain empty file.
 bool removeDeadMount(const std::string& path) {
     struct stat attributes {};
     return stat(path.c_str(), &attributes) != 0 && errno == ENOTCONN &&
@@ -126,7 +126,7 @@ struct FramDevice::Operations {
         fuse_reply_attr(request, &attributes, 0.0);
     }
 
-    // Truncation and the like are as harmless as on a device node.
+    // Truncation, for example, is as harmless as on a device node.
     static void setAttributes(fuse_req_t request, fuse_ino_t inode, struct stat*, int,
                               fuse_file_info* file) {
         getAttributes(request, inode, file);
@@ -221,7 +221,7 @@ FramDevice::MountPoint::~MountPoint() {
 
 void FramDevice::SessionEnd::operator()(fuse_session* session) const noexcept {
     if (!mountedAt.empty()) {
-        // The forced way also fails the pending calls of clients. Where it is not permitted, the
+        // A forced unmount also fails the pending calls of clients. If it is not permitted, the
         // library's unmount below detaches the file as soon as it has closed the connection.
         static_cast<void>(umount2(mountedAt.c_str(), MNT_FORCE | MNT_DETACH));
         fuse_session_unmount(session);
@@ -286,7 +286,7 @@ void FramDevice::serve() {
         if (received > 0)
             fuse_session_process_buf(session_.get(), &buffer.value);
         else if (received != -EINTR && received != -EAGAIN)
-            return; // unmounted by somebody else
+            return; // unmounted by another process
     }
 }
 

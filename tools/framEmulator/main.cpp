@@ -97,7 +97,7 @@ Settings parseCommandLine(int argc, char** argv) {
     return settings;
 }
 
-// The chip's memory, mapped so that each stored byte is in the file at once: it survives even a
+// The chip's memory, mapped so that each stored byte is in the file immediately: it survives even a
 // SIGKILL of this process.
 class ImageFile {
 public:
@@ -164,8 +164,8 @@ private:
 
 std::atomic<FramDevice*> servedDevice{nullptr};
 
-// While it lives, the signals that end the program stop the device instead. They are held back
-// before that, so that none can leave the file mounted.
+// While it lives, the signals that end the program stop the device instead. Before that they are
+// blocked, so that none can leave the file mounted.
 class StopOnSignals {
 public:
     static void holdBack() {
