@@ -42,7 +42,7 @@ int milliseconds(std::chrono::steady_clock::duration duration) {
 
 std::vector<Entry> split(const std::string& text) {
     std::vector<Entry> entries;
-    EntrySplitter splitter;
+    EntrySplitter splitter(EntrySplitter::Source::daemon);
     splitter.add(text.data(), text.size());
     for (Entry entry; splitter.next(entry, true);)
         entries.push_back(std::move(entry));
