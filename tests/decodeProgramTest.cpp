@@ -43,7 +43,7 @@ TEST_F(DecodeProgramTest, printsWhatTheRestartedDaemonHasRead) {
     const std::tuple<std::string, std::vector<std::string>, int, const char*> cases[] = {
         {rawImage(), {}, 0, "The cache is empty"},
         {damaged, {}, 1, "Header copy 0 is damaged; copy 1 counts."},
-        {std::string(8192, '\0'), {}, 2, "Every byte is 0x00"},
+        {std::string(8192, 'U'), {}, 2, "Every byte is 0x55"},
         {std::string(4096, '\0'), {}, 2, "The file has 4096 bytes"},
         {"", {"/missing"}, 2, "Usage"},
         {"", {"--unknown"}, 2, "Usage"},

@@ -68,6 +68,7 @@ protected:
 
 TEST(EntrySplitterTest, cutsTextIntoWholeEntries) {
     const std::string quote = line(7, "quoted");
+    const std::string later = "[00000007] 2026-01-31 12:00:00.251 b\n";
     const std::string zeros(40, '\0');
     const struct {
         const char* name;
@@ -96,6 +97,7 @@ TEST(EntrySplitterTest, cutsTextIntoWholeEntries) {
         {"numbers that went back",
          line(900, "a") + quote + line(8, "b"),
          {line(900, "a"), quote, line(8, "b")}},
+        {"a chip with lower numbers", line(9, "a") + later, {line(9, "a"), later}},
         {"a repeated flush",
          lines(6, 7) + lines(6, 8),
          {line(6, "entry 6"), line(7, "entry 7"), line(6, "entry 6"), line(7, "entry 7"),
@@ -107,7 +109,7 @@ TEST(EntrySplitterTest, cutsTextIntoWholeEntries) {
     for (const auto& [name, text, wanted] : cases)
         for (const std::size_t piece : {text.size(), std::size_t{1}}) {
             SCOPED_TRACE(name + " in pieces of "s + std::to_string(piece));
-            qwk::tail::EntrySplitter splitter;
+            qwk::tail::EntrySplitter splitter(qwk::tail::EntrySplitter::Source::file);
             qwk::tail::Entry entry;
             std::vector<std::string> entries;
             for (std::size_t at = 0; at < text.size(); at += piece) {
@@ -346,11 +348,14 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
             tags.push_back('<' + std::to_string(tags.size()) + '>');
             const std::uint32_t size =
                 random.oneIn(3) ? random.upTo(random.oneIn(3) ? 60000 : 600) : 0;
-            journald.log(3, "test", tags.back() + std::string(size, 'x'));
+            journald.log(3, "test",
+                         tags.back() + std::string(size, 'x') + '\n' +
+                             line(UINT32_MAX, "quoted " + tags.back().substr(1)));
         }
         // What was cleared before it was printed cannot come.
         if (!tags.empty())
-            ASSERT_TRUE(reader->waitForOutput(tags.back(), 10s)) << reader->output();
+            ASSERT_TRUE(reader->waitForOutput("quoted " + tags.back().substr(1), 10s))
+                << reader->output();
     }
     const std::string output = reader->output();
     std::size_t at = 0;

@@ -25,7 +25,6 @@ bool isTextCharacter(char character) {
            blanks.find(character) != std::string_view::npos;
 }
 
-// The chip's bytes are never text: a valid image has zeros in its headers and times.
 bool isText(std::string_view content) {
     return std::all_of(content.begin(), content.end(), isTextCharacter);
 }
@@ -160,7 +159,9 @@ std::optional<Image> parseImage(std::string_view content, std::string& error) {
         error = "The file is empty.";
         return std::nullopt;
     }
-    if (!isText(content))
+    // A text has more bytes than the chip, and the chip's may look like text: 0x55 after a memory
+    // test.
+    if (content.size() == chipSize || !isText(content))
         return parseBytes(content, error);
     const std::size_t start = std::min(content.find_first_not_of(blanks), content.size());
     const std::string_view text = content.substr(start);

@@ -24,7 +24,8 @@ bool sendRequest(int socket, const std::string& line) {
 } // namespace
 
 DaemonLink::DaemonLink(Kind kind, std::size_t size)
-    : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    // A daemon that accepts nobody counts as none: a wait in connect() would be deaf to a stop.
     const sockaddr_un address = controlSocketAddress();
     const std::string line = std::string("quillwick-tail ") + (kind == Kind::live ? "-l " : "") +
                              "-g " + std::to_string(size);
@@ -53,8 +54,7 @@ bool DaemonLink::discard() {
     char text[4096];
     ssize_t got;
     do
-        got =
-            retryOnInterrupt([&] { return recv(socket_.get(), text, sizeof text, MSG_DONTWAIT); });
+        got = retryOnInterrupt([&] { return recv(socket_.get(), text, sizeof text, 0); });
     while (got > 0);
     return got < 0 && errno == EAGAIN;
 }

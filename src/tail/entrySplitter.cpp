@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "eeprom/framLayout.h"
+#include "logger/sequenceNumber.h"
 
 namespace qwk::tail {
 
@@ -11,12 +12,17 @@ namespace {
 
 // Above the longest entry: a message has less than 64 KiB.
 constexpr std::size_t longestText = 1U << 18U;
-// The next entry of a log file begins at most so far from the beginning of an entry.
-constexpr std::size_t furthestNext = headLength + framLayout::maxMessage + 1;
+constexpr std::size_t timeAt = sequenceDigits + 3;
+constexpr std::size_t timeLength = headLength - timeAt - 1;
 constexpr std::uint32_t mostEntriesInChip =
     (framLayout::chipSize - framLayout::entryAreaStart) / framLayout::minEntrySize;
 
 } // namespace
+
+// A message is shortened in a file, and whole in the daemon's memory.
+EntrySplitter::EntrySplitter(Source source)
+    : furthestNext_(source == Source::file ? headLength + framLayout::maxMessage + 1
+                                           : longestText) {}
 
 void EntrySplitter::add(const char* text, std::size_t length) {
     if (begin_ > longestText / 4) {
@@ -105,12 +111,12 @@ EntrySplitter::Answer EntrySplitter::findLastEnd(std::size_t& end) const {
 
 // A message may quote lines of the log. Numbers tell: the next entry has the next number. Entries
 // that come again after a power cut go on until the current number comes again, and a message
-// cannot quote its own number.
+// cannot quote its own number. At the end of the text the time tells: a message quotes the past.
 EntrySplitter::Answer EntrySplitter::belongsToMessage(std::size_t line, std::uint32_t number,
                                                       bool complete) const {
     if (number == number_ || number == number_ + 1)
         return Answer::no;
-    const std::size_t furthest = begin_ + furthestNext;
+    const std::size_t furthest = begin_ + furthestNext_;
     for (std::size_t at = line; at <= furthest; ++at) {
         std::uint32_t other = 0;
         if (text_.size() - at < headLength && !complete)
@@ -125,11 +131,16 @@ EntrySplitter::Answer EntrySplitter::belongsToMessage(std::size_t line, std::uin
         if (at == std::string::npos && !complete && text_.size() <= furthest)
             return Answer::needsText;
         if (at == std::string::npos && complete)
-            return number_ - number - 1 < mostEntriesInChip ? Answer::yes : Answer::no;
+            return number_ - number - 1 < mostEntriesInChip && !isLater(line) ? Answer::yes
+                                                                              : Answer::no;
         if (at == std::string::npos)
             return Answer::no;
     }
     return Answer::no;
+}
+
+bool EntrySplitter::isLater(std::size_t line) const {
+    return text_.compare(line + timeAt, timeLength, text_, begin_ + timeAt, timeLength) > 0;
 }
 
 bool EntrySplitter::cut(std::size_t end, Entry& entry) const {

@@ -12,6 +12,10 @@ namespace qwk::tail {
 /// are entries of which a power cut left a part only, as far as that shows in their text.
 class EntrySplitter {
 public:
+    enum class Source { file, daemon };
+
+    explicit EntrySplitter(Source source);
+
     void add(const char* text, std::size_t length);
 
     /// Takes out the next entry; false when it needs more text. With `complete` no more will come:
@@ -29,9 +33,13 @@ private:
     /// Whether the line that begins as an entry of another number than the next is a part of the
     /// current entry's message.
     Answer belongsToMessage(std::size_t line, std::uint32_t number, bool complete) const;
+    /// Whether the entry that begins at `line` has a later time than the current one.
+    bool isLater(std::size_t line) const;
     /// Sets the text of the current entry; false when a power cut left too little of it.
     bool cut(std::size_t end, Entry& entry) const;
 
+    /// The next entry begins at most so far from the beginning of an entry.
+    const std::size_t furthestNext_;
     std::string text_;
     /// The current entry begins here once `begun_`; text before it is used up.
     std::size_t begin_ = 0;

@@ -115,7 +115,7 @@ bool LogFiles::placeByNumber(File& file, History& history) {
             return false;
         char block[entryBlock];
         const ssize_t got = readAt(file.descriptor, block, sizeof block, offset);
-        EntrySplitter splitter;
+        EntrySplitter splitter(EntrySplitter::Source::file);
         splitter.add(block, static_cast<std::size_t>(got));
         Entry entry;
         if (!splitter.next(entry, true) || !(markOf(entry) == mark))
@@ -147,7 +147,7 @@ bool LogFiles::placeByReading(File& file, History& history) {
 
 bool LogFiles::readFile(File& file, const std::function<bool(Entry&)>& visit) {
     const auto block = std::make_unique<char[]>(blockSize);
-    EntrySplitter splitter;
+    EntrySplitter splitter(EntrySplitter::Source::file);
     Entry entry;
     std::size_t skipped = std::exchange(file.skipped, 0);
     file.end = file.begin;

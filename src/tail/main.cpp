@@ -4,6 +4,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "support/stopRequest.h"
@@ -80,6 +81,15 @@ void occupyStandardDescriptors() {
         close(descriptor);
 }
 
+// After a long pause all of the log files are open together.
+void allowManyFiles() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit)); // a unit may forbid it, and sets its own
+}
+
 void requestStop(int signal) {
     qwk::stopRequest().request(signal);
 }
@@ -103,6 +113,7 @@ int main(int argc, char** argv) {
         return wrongUse;
     }
     takeSignals();
+    allowManyFiles();
     const qwk::tail::Events events(options.jsonEvents);
     std::optional<qwk::tail::Tail> tail;
     try {

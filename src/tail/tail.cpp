@@ -42,7 +42,7 @@ int milliseconds(std::chrono::steady_clock::duration duration) {
 
 std::vector<Entry> split(const std::string& text) {
     std::vector<Entry> entries;
-    EntrySplitter splitter;
+    EntrySplitter splitter(EntrySplitter::Source::daemon);
     splitter.add(text.data(), text.size());
     for (Entry entry; splitter.next(entry, true);)
         entries.push_back(std::move(entry));
@@ -55,9 +55,11 @@ Tail::Tail(const Options& options, const Events& events)
     : options_(options), events_(events), cursorFile_(options.cursorFile),
       merger_(history_, output_, events, options.since) {
     cursorFile_.load(history_);
-    if (!save()) // before any output that could not be recorded
+    if (!cursorFile_.save(history_, 0)) // before any output that could not be recorded
         throw std::runtime_error("Cannot write \"" + options.cursorFile + "\" (" +
-                                 errorText(saveError_) + ").");
+                                 errorText(errno) + ").");
+    saved_ = history_.added();
+    savedAt_ = Clock::now();
     if (!history_.isEmpty())
         events_.resumed(history_.nextNumber() - 1);
 }
@@ -176,33 +178,32 @@ void Tail::tellMissingRights() {
 void Tail::follow() {
     while (!output_.isOver()) {
         DaemonLink link(DaemonLink::Kind::live, recentSize);
-        if (link.isOpen())
-            followLive(link);
-        else
+        if (!link.isOpen() || !followLive(link))
             waitForDaemon();
     }
 }
 
-// Until the daemon ends, or until the stream has fallen silent. The stream only tells that
-// something came: after `--clear` its bytes can stand for other entries of the same number and
-// length.
-void Tail::followLive(DaemonLink& link) {
+// Until the stream has fallen silent, or, false, until the daemon has ended it. The stream only
+// tells that something came: after `--clear` its bytes can stand for other entries of the same
+// number and length.
+bool Tail::followLive(DaemonLink& link) {
+    auto quiet = Clock::now() + silenceInterval;
     while (!output_.isOver()) {
-        const auto quiet = Clock::now() + silenceInterval;
-        if (wait(link.descriptor(), quiet)) {
-            if (!link.discard())
-                break;
-            catchUp();
-            stopRequest().sleepFor(batchInterval);
-        } else if (Clock::now() >= quiet) {
-            const std::uint64_t before = history_.added();
-            catchUp();
-            if (history_.added() != before)
-                return;
-        }
-    }
-    if (!output_.isOver())
+        const bool hint = wait(link.descriptor(), quiet);
+        if (!hint && Clock::now() < quiet)
+            continue;
+        const bool ended = hint && !link.discard();
+        const std::uint64_t before = history_.added();
         catchUp();
+        if (ended)
+            return false;
+        if (!hint && history_.added() != before)
+            return true;
+        if (hint)
+            stopRequest().sleepFor(batchInterval);
+        quiet = Clock::now() + silenceInterval;
+    }
+    return true;
 }
 
 // Without a daemon nobody writes the files; where it is closed to this user, a flush shows in them.

@@ -46,7 +46,7 @@ private:
     void tellMissingRights();
 
     void follow();
-    void followLive(DaemonLink& link);
+    bool followLive(DaemonLink& link);
     bool wait(int descriptor, Clock::time_point end);
     std::vector<Entry>::iterator afterTaken(std::vector<Entry>& entries) const;
     void waitForDaemon();
