@@ -10,6 +10,12 @@ die() {
     exit 1
 }
 
+# For scripts that take arguments: prints the indented lines of their opening comment.
+usage() {
+    sed -n '/^#   /s/^# *//p' "$0" >&2
+    exit 2
+}
+
 # Runs a command as root.
 asRoot() {
     if ((EUID == 0)); then
@@ -32,6 +38,27 @@ updatePackageLists() {
 installPackages() {
     asRoot env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
         -o DPkg::Lock::Timeout=600 "$@" </dev/null
+}
+
+# Prints lines for sources.list: this machine's release and its updates, of Debian alone, because other
+# vendors need not know every architecture. Security updates are left out. They are for the libraries
+# that the board itself runs, keep the interfaces, and their indexes are at times out of step on mirrors.
+debianSources() {
+    # shellcheck disable=SC2016 # apt-get replaces the names
+    local -a query=(apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)'
+        'Created-By: Packages' 'Origin: Debian' 'Label: Debian')
+    # Without the sources' indexes their origin is not known.
+    [[ -n $("${query[@]}") ]] || updatePackageLists >&2
+    "${query[@]}" | sort -u | grep . || die "apt has no source of Debian packages"
+}
+
+projectVersion() {
+    sed -n 's/^project(quillwick VERSION \([0-9.]*\).*/\1/p' "$1/CMakeLists.txt"
+}
+
+# Prints the defaults of the board's own values, as options of CMake.
+boardOptions() {
+    sed -n 's/^set(\(QUILLWICK_[A-Z0-9_]*\) \([^ ]*\) CACHE .*/-D\1=\2/p' "$1/cmake/board.cmake"
 }
 
 # Runs a command as the user at the keyboard, also under `sudo ./run`: build files stay theirs.

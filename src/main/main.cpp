@@ -1,24 +1,14 @@
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "main/client.h"
 #include "main/daemon.h"
 #include "main/serviceStatus.h"
 #include "main/singleInstance.h"
+#include "support/fileDescriptor.h"
 #include "support/signals.h"
 
 namespace {
-
-// Sockets and files must not get the numbers of the standard streams.
-void occupyStandardDescriptors() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
-        descriptor = open("/dev/null", O_RDWR);
-    if (descriptor > STDERR_FILENO)
-        close(descriptor);
-}
 
 void becomeDaemon() {
     if (!qwk::isDaemonRunning())
@@ -35,7 +25,7 @@ void beClient(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    occupyStandardDescriptors();
+    qwk::occupyStandardDescriptors();
     qwk::blockBrokenPipe();
     if (argc == 1)
         becomeDaemon();

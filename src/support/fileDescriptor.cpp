@@ -25,6 +25,14 @@ void FileDescriptor::reset() {
         static_cast<void>(close(std::exchange(descriptor_, -1)));
 }
 
+void occupyStandardDescriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = open("/dev/null", O_RDWR);
+    if (descriptor > STDERR_FILENO)
+        close(descriptor);
+}
+
 FileDescriptor openForReading(const char* path) {
     return FileDescriptor(retryOnInterrupt([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
 }

@@ -39,6 +39,10 @@ auto retryOnInterrupt(Call call) -> decltype(call()) {
     }
 }
 
+/// For the start of a program: gives the standard descriptors that are closed to /dev/null, so that
+/// no file or socket gets a number that messages are printed to.
+void occupyStandardDescriptors();
+
 /// Opens a file read-only and close-on-exec.
 FileDescriptor openForReading(const char* path);
 

@@ -22,8 +22,8 @@ MessageLimiter::Verdict MessageLimiter::admit(const char* format, Clock::time_po
 }
 
 MessageLimiter::Kind& MessageLimiter::kindOf(const char* format) {
-    const auto shared = kinds_.end() - 1;
-    const auto found = std::find_if(kinds_.begin(), shared, [&](const Kind& kind) {
+    Kind* const shared = &kinds_.back();
+    Kind* const found = std::find_if(kinds_.data(), shared, [&](const Kind& kind) {
         return kind.format == nullptr || kind.format == format ||
                std::strcmp(kind.format, format) == 0;
     });

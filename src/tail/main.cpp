@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "support/fileDescriptor.h"
 #include "support/stopRequest.h"
 #include "tail/tail.h"
 
@@ -72,15 +73,6 @@ bool parseOptions(int argc, char** argv, qwk::tail::Options& options) {
     return good && optind == argc && !options.cursorFile.empty();
 }
 
-// Files and sockets must not get the number that events are printed to.
-void occupyStandardDescriptors() {
-    int descriptor = 0;
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
-        descriptor = open("/dev/null", O_RDWR);
-    if (descriptor > STDERR_FILENO)
-        close(descriptor);
-}
-
 // After a long pause all of the log files are open together.
 void allowManyFiles() {
     rlimit limit;
@@ -106,7 +98,7 @@ void takeSignals() {
 int main(int argc, char** argv) {
     if (fcntl(STDOUT_FILENO, F_GETFD) < 0)
         return wrongUse; // entries would be recorded that nobody got
-    occupyStandardDescriptors();
+    qwk::occupyStandardDescriptors();
     qwk::tail::Options options;
     if (!parseOptions(argc, argv, options)) {
         std::fputs(usage, stderr);

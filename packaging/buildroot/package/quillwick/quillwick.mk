@@ -14,7 +14,14 @@ QUILLWICK_LICENSE_FILES = LICENSES/LicenseRef-quillwick.txt
 QUILLWICK_REDISTRIBUTE = NO
 QUILLWICK_DEPENDENCIES = host-pkgconf log4cplus systemd
 # The tests and the stand-in chip need a developer's machine.
-QUILLWICK_CONF_OPTS = -DBUILD_TESTING=OFF -DQUILLWICK_EMULATOR=OFF
+QUILLWICK_CONF_OPTS = \
+	-DBUILD_TESTING=OFF \
+	-DQUILLWICK_EMULATOR=OFF \
+	-DQUILLWICK_I2C_DEVICE=$(BR2_PACKAGE_QUILLWICK_I2C_DEVICE) \
+	-DQUILLWICK_SLAVE_ADDRESS=$(BR2_PACKAGE_QUILLWICK_SLAVE_ADDRESS) \
+	-DQUILLWICK_LOG_FOLDER=$(BR2_PACKAGE_QUILLWICK_LOG_FOLDER) \
+	-DQUILLWICK_CONTROL_SOCKET=$(BR2_PACKAGE_QUILLWICK_CONTROL_SOCKET) \
+	-DQUILLWICK_CONFIGURATION=$(BR2_PACKAGE_QUILLWICK_CONFIGURATION)
 
 define QUILLWICK_LINUX_CONFIG_FIXUPS
 	$(call KCONFIG_ENABLE_OPT,CONFIG_I2C)
@@ -27,14 +34,14 @@ endef
 
 # For a root file system that is read-only when tmpfiles.d would make it.
 define QUILLWICK_PERMISSIONS
-	/var/logperm d 0770 root quillwick - - - - -
+	$(call qstrip,$(BR2_PACKAGE_QUILLWICK_LOG_FOLDER)) d 0770 root quillwick - - - - -
 endef
 
-# The unit comes with the files that CMake installs. journald keeps its journal where the daemon
-# reads it.
+# The units come with the files that CMake installs, and Buildroot enables all but templates.
+# journald keeps its journal where the daemon reads it.
 define QUILLWICK_INSTALL_INIT_SYSTEMD
-	$(INSTALL) -D -m 0644 $(@D)/packaging/journald/quillwick.conf \
-		$(TARGET_DIR)/usr/lib/systemd/journald.conf.d/quillwick.conf
+	$(INSTALL) -D -m 0644 $(@D)/packaging/journald/quillwick-storage.conf \
+		$(TARGET_DIR)/usr/lib/systemd/journald.conf.d/quillwick-storage.conf
 endef
 
 $(eval $(cmake-package))

@@ -1,7 +1,8 @@
 SUMMARY = "Journal daemon that keeps the newest entries in FRAM"
 DESCRIPTION = "Reads every entry of the systemd runtime journal up to a configured priority and \
 stores it at once in a FRAM chip on the I2C bus, where it survives a loss of power. Batches go into a \
-rolling log file. The same program is the client that prints the newest entries and follows them."
+rolling log file. The same program is the client that prints the newest entries and follows them. \
+quillwick-decode reads the image of a chip, and quillwick-tail ships every line once."
 SECTION = "console/utils"
 LICENSE = "LicenseRef-quillwick"
 NO_GENERIC_LICENSE[quillwick] = "LICENSES/LicenseRef-quillwick.txt"
@@ -23,16 +24,37 @@ inherit cmake pkgconfig systemd useradd features_check bash-completion ptest
 
 REQUIRED_DISTRO_FEATURES = "systemd"
 
+# Where the board has what the daemon uses. Set them in local.conf or in the machine's configuration.
+QUILLWICK_I2C_DEVICE ?= "/dev/i2c-2"
+QUILLWICK_SLAVE_ADDRESS ?= "0x50"
+QUILLWICK_LOG_FOLDER ?= "/var/logperm"
+QUILLWICK_CONTROL_SOCKET ?= "/tmp/quillwick"
+QUILLWICK_CONFIGURATION ?= "/etc/quillwick.conf"
+
 # The tests and the stand-in chip need a developer's machine.
-EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DQUILLWICK_EMULATOR=OFF"
+EXTRA_OECMAKE = " \
+    -DBUILD_TESTING=OFF \
+    -DQUILLWICK_EMULATOR=OFF \
+    -DQUILLWICK_I2C_DEVICE=${QUILLWICK_I2C_DEVICE} \
+    -DQUILLWICK_SLAVE_ADDRESS=${QUILLWICK_SLAVE_ADDRESS} \
+    -DQUILLWICK_LOG_FOLDER=${QUILLWICK_LOG_FOLDER} \
+    -DQUILLWICK_CONTROL_SOCKET=${QUILLWICK_CONTROL_SOCKET} \
+    -DQUILLWICK_CONFIGURATION=${QUILLWICK_CONFIGURATION} \
+"
 
 # journald keeps its journal where the daemon reads it.
 do_install:append() {
-    install -D -m 0644 ${S}/packaging/journald/quillwick.conf \
-        ${D}${nonarch_libdir}/systemd/journald.conf.d/quillwick.conf
+    install -D -m 0644 ${S}/packaging/journald/quillwick-storage.conf \
+        ${D}${nonarch_libdir}/systemd/journald.conf.d/quillwick-storage.conf
 }
 
-SYSTEMD_SERVICE:${PN} = "quillwick.service"
+# The names that the board's own checks need.
+do_install_ptest() {
+    install -m 0644 ${B}/boardPaths.sh ${D}${PTEST_PATH}/
+}
+
+# Enabled in the image. quillwick-tail@.service is an example, and not among them.
+SYSTEMD_SERVICE:${PN} = "quillwick.service quillwick-wakeup.socket"
 
 # As sysusers.d/quillwick.conf has them, which adds nothing to an image that has them already.
 USERADD_PACKAGES = "${PN}"
@@ -40,9 +62,11 @@ GROUPADD_PARAM:${PN} = "--system i2c; --system systemd-journal; --system quillwi
 USERADD_PARAM:${PN} = "--system --gid quillwick --no-create-home --home-dir / \
     --shell ${base_sbindir}/nologin --comment 'quillwick journal daemon' quillwick"
 
-CONFFILES:${PN} = "${sysconfdir}/quillwick.conf"
+CONFFILES:${PN} = "${QUILLWICK_CONFIGURATION}"
 FILES:${PN} += " \
-    ${nonarch_libdir}/systemd/journald.conf.d/quillwick.conf \
+    ${QUILLWICK_CONFIGURATION} \
+    ${systemd_system_unitdir}/quillwick-tail@.service \
+    ${nonarch_libdir}/systemd/journald.conf.d \
     ${nonarch_libdir}/modules-load.d/quillwick.conf \
     ${nonarch_libdir}/sysusers.d/quillwick.conf \
     ${nonarch_libdir}/tmpfiles.d/quillwick.conf \
