@@ -55,7 +55,7 @@ void breakChip(const std::string& state,
     chip.setRecording(false);
     framEmulator::FramDevice device(qwk::eepromDevicePath, chip);
     Daemon daemon;
-    const pid_t process = daemon.process().pid();
+    const pid_t process = daemon.pid();
     const auto log = [&](const std::string& text) {
         journald.log(3, "bench", text);
         journald.sync();

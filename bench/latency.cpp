@@ -91,7 +91,7 @@ public:
         if (hasWakeUps)
             wakeUps = isKernel ? Descriptor(open(kernelLog, O_RDONLY | O_NONBLOCK | O_CLOEXEC))
                                : makeForwardingSocket();
-        daemon_ = hasWakeUps ? std::make_unique<Daemon>(wakeUps) : std::make_unique<Daemon>();
+        daemon_ = hasWakeUps ? startWithWakeUps(wakeUps) : std::make_unique<Daemon>();
         qwk::FileDescriptor connected(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         const sockaddr_un address{AF_UNIX, "/dev/log"};
         if (connect(connected.get(), qwk::asSocketAddress(address), sizeof address) != 0)
@@ -111,7 +111,7 @@ public:
     Singles singles(int count) {
         Singles all;
         Random random;
-        const double before = processorTimeOf(daemon_->process().pid());
+        const double before = processorTimeOf(daemon_->pid());
         for (int i = 0; i < count; ++i) {
             // journald's timer is in any phase.
             std::this_thread::sleep_for(std::chrono::milliseconds(20 + random() % 300));
@@ -124,7 +124,7 @@ public:
             all.journalctl.push_back(since(start, follower_.newest()));
         }
         all.processorTime =
-            (processorTimeOf(daemon_->process().pid()) - before) / static_cast<double>(count);
+            (processorTimeOf(daemon_->pid()) - before) / static_cast<double>(count);
         return all;
     }
 
@@ -132,7 +132,7 @@ public:
         std::this_thread::sleep_for(1s);
         const std::uint32_t stored = storedEntries() + burstSize;
         chip_.clearRecord();
-        const double before = processorTimeOf(daemon_->process().pid());
+        const double before = processorTimeOf(daemon_->pid());
         const Clock::time_point start = send();
         for (int i = 1; i < burstSize; ++i)
             send();
@@ -140,7 +140,7 @@ public:
         const double inChip = since(start, lastRecordWritten());
         std::this_thread::sleep_for(1s); // until no more looks come
         return {inChip, Wire(chip_.record()).microseconds(busFrequency) / 1000,
-                (processorTimeOf(daemon_->process().pid()) - before) / burstSize};
+                (processorTimeOf(daemon_->pid()) - before) / burstSize};
     }
 
 private:
