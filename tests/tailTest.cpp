@@ -126,6 +126,7 @@ TEST(EntrySplitterTest, cutsTextIntoWholeEntries) {
 
 TEST_F(TailTest, tellsOnceWhatIsWrongWithTheNumbers) {
     const std::string torn = line(13, "entry 13").substr(0, 40) + '\n';
+    const std::string quote = "[0000000d] 2026-01-31 12:00:00.250 quotes\n" + lines(9, 9);
     const struct {
         const char* name;
         std::string first, then; // the log file at the first start and at the second
@@ -149,6 +150,8 @@ TEST_F(TailTest, tellsOnceWhatIsWrongWithTheNumbers) {
          ""},
         {"numbers wrap", lines(UINT32_MAX - 1, UINT32_MAX), lines(UINT32_MAX - 1, 1), lines(0, 1),
          ""},
+        {"the last entry in a message", lines(1, 9), lines(1, 12) + quote, lines(10, 12) + quote,
+         ""},
         {"not written yet", lines(1, 9), lines(1, 10) + "[0000000b] 2026-01-31 12:00",
          lines(10, 10), ""},
     };
@@ -164,6 +167,11 @@ TEST_F(TailTest, tellsOnceWhatIsWrongWithTheNumbers) {
         EXPECT_EQ(output.substr(output.find('\n') + 1),
                   told + (told.empty() ? "" : "\n") + printed);
     }
+}
+
+TEST_F(TailTest, aRollThatWasCutOffHidesNothing) {
+    store(lines(1, 9), 1); // and no log file
+    EXPECT_EQ(tail().output, lines(1, 9));
 }
 
 TEST_F(TailTest, recordsWhatTheOutputHasTakenOnly) {
@@ -348,14 +356,14 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
             tags.push_back('<' + std::to_string(tags.size()) + '>');
             const std::uint32_t size =
                 random.oneIn(3) ? random.upTo(random.oneIn(3) ? 60000 : 600) : 0;
+            // Where the file has it shortened, the message ends with a line of the log.
             journald.log(3, "test",
-                         tags.back() + std::string(size, 'x') + '\n' +
-                             line(UINT32_MAX, "quoted " + tags.back().substr(1)));
+                         tags.back() + std::string(size, 'x') +
+                             (size > 300 ? '\n' + line(UINT32_MAX, "quoted") : ""));
         }
         // What was cleared before it was printed cannot come.
         if (!tags.empty())
-            ASSERT_TRUE(reader->waitForOutput("quoted " + tags.back().substr(1), 10s))
-                << reader->output();
+            ASSERT_TRUE(reader->waitForOutput(tags.back(), 10s)) << reader->output();
     }
     const std::string output = reader->output();
     std::size_t at = 0;

@@ -162,4 +162,14 @@ bool EntrySplitter::cut(std::size_t end, Entry& entry) const {
     return true;
 }
 
+std::vector<Entry> splitEntries(EntrySplitter::Source source, const char* text,
+                                std::size_t length) {
+    std::vector<Entry> entries;
+    EntrySplitter splitter(source);
+    splitter.add(text, length);
+    for (Entry entry; splitter.next(entry, true);)
+        entries.push_back(std::move(entry));
+    return entries;
+}
+
 } // namespace qwk::tail

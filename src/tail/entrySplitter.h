@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tail/entry.h"
 
@@ -48,5 +49,8 @@ private:
     /// Where the search for its end goes on.
     std::size_t searchFrom_ = 0;
 };
+
+/// The whole entries in text after which no more will come.
+std::vector<Entry> splitEntries(EntrySplitter::Source source, const char* text, std::size_t length);
 
 } // namespace qwk::tail

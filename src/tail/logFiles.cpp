@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t blockSize = 65536;
 // Above the longest entry of a log file and the line after it.
-constexpr std::size_t entryBlock = 1024;
+constexpr std::uint32_t entryBlock = 1024;
 // In the middle of a roll one name is missing.
 constexpr int missingNamesAtEnd = 2;
 
@@ -37,6 +37,13 @@ ssize_t readAt(const FileDescriptor& file, char* block, std::size_t length, off_
     if (got < 0)
         fail(stablePath(file));
     return got;
+}
+
+std::vector<Entry> entriesAt(const FileDescriptor& file, std::uint32_t offset,
+                             std::uint32_t length) {
+    char block[entryBlock];
+    return splitEntries(EntrySplitter::Source::file, block,
+                        static_cast<std::size_t>(readAt(file, block, length, offset)));
 }
 
 } // namespace
@@ -80,8 +87,15 @@ void LogFiles::read(const std::function<bool(Entry&)>& visit) {
 }
 
 bool LogFiles::isAtRest() const {
-    return logFileState() ==
-           (files_.empty() ? FileState{} : FileState{files_.front().inode, files_.front().end});
+    const FileState now = logFileState();
+    if (files_.empty())
+        return now == FileState{};
+    // A roll that was cut off leaves copies and no log file.
+    const File& newest = files_.front();
+    struct stat status;
+    return now == FileState{newest.inode, newest.end} ||
+           (now == FileState{} && fstat(newest.descriptor.get(), &status) == 0 &&
+            status.st_size == newest.end);
 }
 
 // False when there is none.
@@ -113,12 +127,13 @@ bool LogFiles::placeByNumber(File& file, History& history) {
         std::uint32_t offset;
         if (sequenceIndex::findId(path, mark.number, offset) != 0)
             return false;
-        char block[entryBlock];
-        const ssize_t got = readAt(file.descriptor, block, sizeof block, offset);
-        EntrySplitter splitter(EntrySplitter::Source::file);
-        splitter.add(block, static_cast<std::size_t>(got));
-        Entry entry;
-        if (!splitter.next(entry, true) || !(markOf(entry) == mark))
+        const auto found = entriesAt(file.descriptor, offset, entryBlock);
+        if (found.empty() || !(markOf(found.front()) == mark))
+            return false;
+        // A message of a later entry may quote it: then another number is before it.
+        const std::uint32_t before = std::min(offset, entryBlock);
+        const auto others = entriesAt(file.descriptor, offset - before, before);
+        if (before > 0 && (others.empty() || others.back().number + 1 != mark.number))
             return false;
         file.begin = offset;
         history.setAnchor(mark);

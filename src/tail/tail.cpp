@@ -40,15 +40,6 @@ int milliseconds(std::chrono::steady_clock::duration duration) {
             .count());
 }
 
-std::vector<Entry> split(const std::string& text) {
-    std::vector<Entry> entries;
-    EntrySplitter splitter(EntrySplitter::Source::daemon);
-    splitter.add(text.data(), text.size());
-    for (Entry entry; splitter.next(entry, true);)
-        entries.push_back(std::move(entry));
-    return entries;
-}
-
 } // namespace
 
 Tail::Tail(const Options& options, const Events& events)
@@ -136,10 +127,14 @@ bool Tail::takeRecentText(bool all, bool patient, bool& answered) {
         tellMissingRights();
     if (!text || output_.isOver())
         return false;
-    std::vector<Entry> entries = split(*text);
+    std::vector<Entry> entries =
+        splitEntries(EntrySplitter::Source::daemon, text->data(), text->size());
     const auto rest = afterTaken(entries);
+    // The text may begin within a message that quotes a known entry: then other numbers follow.
     const bool begins =
-        rest != entries.begin() || (!entries.empty() && merger_.isNext(entries.front().number));
+        rest == entries.begin()
+            ? !entries.empty() && merger_.isNext(entries.front().number)
+            : all || rest == entries.end() || rest->number == (rest - 1)->number + 1;
     if (!begins && !(all && (!patient || !merger_.hasPlace())))
         return false;
     // A long answer goes out in pieces, and the log may change between them.
