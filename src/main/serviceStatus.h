@@ -10,6 +10,10 @@ namespace qwk {
 /// NOTIFY_SOCKET tells nobody. Used by the main thread only.
 class ServiceStatus {
 public:
+    /// Sets up the time zone. Make it before other threads run: they convert times under a lock
+    /// that this object does not know.
+    ServiceStatus();
+
     /// Start-up is over; entries are stored from here on, until one of the following is told.
     void ready();
     void stopping();
