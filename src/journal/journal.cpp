@@ -4,12 +4,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <limits>
-#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
 #include "support/diagnostics.h"
+#include "support/numbers.h"
 #include "support/paths.h"
 #include "support/stopRequest.h"
 
@@ -90,18 +89,17 @@ int Journal::advance() {
 
 int Journal::waitForChanges() {
     int result = 0;
+    bool hasChanges = true;
     if (descriptor_ < 0) {
         // The watch begins here: an entry that came just before wakes nobody, so the journal is
         // looked at once more before the first wait.
         result = beginWatch();
     } else {
-        const int hints = wakeUps_.descriptor();
-        pollfd watched[] = {
-            {descriptor_, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}, {hints, POLLIN, 0}};
-        const int ready = poll(watched, hints < 0 ? 2 : 3, wakeUps_.timeout());
-        wakeUps_.polled(ready, watched[2].revents);
+        hasChanges = wakeUps_.wait(descriptor_, stopRequest().descriptor());
     }
-    if (result >= 0)
+    // A hint alone changes nothing that libsystemd would have to process: an entry in a file that
+    // it knows is found all the same, and a new file makes the descriptor readable at once.
+    if (result >= 0 && hasChanges)
         result = sd_journal_process(journal_.get());
     if (result < 0)
         reportWaitFailure(result);
@@ -141,14 +139,13 @@ int Journal::readPriority(std::int32_t& priority) {
         report(LOG_ERR, "Failed to read priority field: %s", errorText(EPERM).c_str());
         return -1;
     }
-    char* end = nullptr;
-    const long number = std::strtol(text, &end, 10);
+    const char* end = nullptr;
+    const std::int32_t number = parseDecimal(text, end);
     if (*end != '\0') {
         report(LOG_ERR, "Failed to parse priority field (\"%s\")", text);
         return -1;
     }
-    using Limits = std::numeric_limits<std::int32_t>;
-    priority = static_cast<std::int32_t>(std::clamp<long>(number, Limits::min(), Limits::max()));
+    priority = number;
     return priority > maxPriority_ ? 0 : 1;
 }
 

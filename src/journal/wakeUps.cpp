@@ -8,6 +8,7 @@
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <utility>
@@ -33,6 +34,18 @@ constexpr int floodSize = 32;
 constexpr std::chrono::milliseconds floodPeriod = 10ms;
 constexpr std::chrono::milliseconds firstRest = 10ms;
 constexpr std::chrono::milliseconds longestRest = 80ms;
+
+// The main thread is busy for long when it has not waited again after this time. A queue that holds
+// fewer messages than come meanwhile makes journald lose hints, and say so.
+constexpr std::chrono::milliseconds longBusy = 10ms;
+constexpr std::chrono::nanoseconds atOnce = 1ns;
+constexpr std::chrono::nanoseconds never = 0ns;
+
+// The order of what the main thread polls.
+constexpr std::size_t journalAt = 0;
+constexpr std::size_t stopAt = 1;
+constexpr std::size_t hintsAt = 2;
+constexpr std::size_t firstSource = 3;
 
 // For an unknown number of entries: more than come before the journal is quiet again.
 constexpr std::uint64_t untilQuiet = 1U << 20U;
@@ -70,36 +83,11 @@ void reportDropped(const FileDescriptor& source, const std::string& reason) {
     report(LOG_WARNING, "Dropped wake-up descriptor %d: %s", source.get(), reason.c_str());
 }
 
-// Tells whether there is a flood, and how long to rest.
-class FloodMeter {
-public:
-    bool isFlood(int hints) {
-        const Clock::time_point now = Clock::now();
-        if (now - start_ > floodPeriod) {
-            begin(now);
-            rest_ = firstRest;
-        }
-        hints_ += hints;
-        return hints_ >= floodSize;
-    }
-    std::chrono::milliseconds rest() const { return rest_; }
-    void rested() {
-        begin(Clock::now());
-        rest_ = std::min(2 * rest_, longestRest);
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    void begin(Clock::time_point now) {
-        start_ = now;
-        hints_ = 0;
-    }
-
-    Clock::time_point start_;
-    int hints_ = 0;
-    std::chrono::milliseconds rest_ = firstRest;
-};
+void setTimer(const FileDescriptor& timer, std::chrono::nanoseconds time) {
+    itimerspec once{};
+    once.it_value.tv_nsec = static_cast<decltype(once.it_value.tv_nsec)>(time.count());
+    static_cast<void>(timerfd_settime(timer.get(), 0, &once, nullptr)); // cannot fail
+}
 
 } // namespace
 
@@ -117,7 +105,8 @@ std::vector<FileDescriptor> takeHandedOverDescriptors() {
     return descriptors;
 }
 
-WakeUps::WakeUps(std::vector<FileDescriptor> descriptors) {
+WakeUps::WakeUps(std::vector<FileDescriptor> descriptors)
+    : waited_(firstSource, pollfd{-1, POLLIN, 0}) {
     for (FileDescriptor& descriptor : descriptors)
         add(std::move(descriptor));
     if (!sources_.empty())
@@ -136,23 +125,28 @@ void WakeUps::add(FileDescriptor descriptor) {
     Source source{std::move(descriptor), isDatagramSocket};
     if (isDatagramSocket)
         openGate(source.descriptor); // a daemon that was killed may have left it closed
-    if (!makeNonBlocking(source.descriptor.get()))
+    if (!makeNonBlocking(source.descriptor.get())) {
         reportDropped(source.descriptor, errorText(errno));
+        return;
+    }
     // The first read finds out now what can never be read, such as a socket that listens.
-    else if (drain(source, 0) >= 0)
+    drain(source, 0);
+    if (source.descriptor.isOpen())
         sources_.push_back(std::move(source));
 }
 
 void WakeUps::startThread() {
     stop_ = makeEventDescriptor();
     hints_ = makeEventDescriptor();
+    relief_ = FileDescriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     std::string failure;
-    if (stop_.isOpen() && hints_.isOpen()) {
-        for (const Source& source : sources_)
-            polled_.push_back({source.descriptor.get(), POLLIN | POLLRDHUP, 0});
+    if (stop_.isOpen() && hints_.isOpen() && relief_.isOpen()) {
+        waited_.resize(firstSource + sources_.size());
+        waited_[hintsAt].fd = hints_.get();
+        polled_.resize(sources_.size());
         polled_.push_back({stop_.get(), POLLIN, 0});
         try {
-            thread_ = std::thread(&WakeUps::drainAll, this);
+            thread_ = std::thread(&WakeUps::run, this);
         } catch (const std::exception& error) {
             failure = error.what();
         }
@@ -162,52 +156,175 @@ void WakeUps::startThread() {
     if (thread_.joinable())
         return;
     report(LOG_WARNING, "Failed to watch wake-up descriptors: %s", failure.c_str());
-    hints_.reset();
     sources_.clear();
 }
 
-void WakeUps::drainAll() {
-    FloodMeter meter;
+bool WakeUps::wait(int journal, int stop) {
+    waited_[journalAt].fd = journal;
+    waited_[stopAt].fd = stop;
+    const bool reads = beginWait();
+    const bool isPausing = awaited_ > 0;
+    std::size_t count = hintsAt;
+    // A sender that never stops causes two looks in a millisecond at most.
+    if (thread_.joinable() && !(isPausing && pause_ == firstPause))
+        count = reads ? waited_.size() : firstSource;
+    if (count > firstSource)
+        prepareToPoll(&waited_[firstSource]);
+    const int ready = poll(waited_.data(), count, timeout());
+    bool isFlood = false;
+    const std::uint64_t hints = ready > 0 ? takeHints(count, isFlood) : 0;
+    if (hints > 0)
+        expect(hints);
+    else if (ready == 0 && isPausing)
+        lookedInVain();
+    early_ = 0;
+    endWait(isFlood);
+    return ready < 0 || waited_[journalAt].revents != 0 || waited_[stopAt].revents != 0;
+}
+
+int WakeUps::timeout() const {
+    // The hints of entries that came early are there: they are taken first, and announce nothing.
+    if (early_ > 0)
+        return 0;
+    return awaited_ > 0 ? static_cast<int>(pause_.count()) : -1;
+}
+
+bool WakeUps::beginWait() {
+    if (!thread_.joinable())
+        return false;
+    {
+        const Held<Mutex> held(mutex_);
+        mainWaits_ = true;
+        if (threadReads_)
+            return false;
+    }
+    setTimer(relief_, never);
+    return true;
+}
+
+void WakeUps::endWait(bool isFlood) {
+    if (!thread_.joinable())
+        return;
+    {
+        const Held<Mutex> held(mutex_);
+        mainWaits_ = false;
+        if (threadReads_)
+            return;
+        threadReads_ = isFlood;
+    }
+    setTimer(relief_, isFlood ? atOnce : longBusy);
+}
+
+std::uint64_t WakeUps::takeHints(std::size_t count, bool& isFlood) {
+    std::uint64_t hints = 0;
+    if (count > hintsAt && waited_[hintsAt].revents != 0)
+        static_cast<void>(readSome(hints_.get(), &hints, sizeof hints));
+    if (count > firstSource) {
+        const int read = drainReadable(&waited_[firstSource]);
+        isFlood = meter_.isFlood(read);
+        hints += static_cast<std::uint64_t>(read);
+    }
+    return hints;
+}
+
+void WakeUps::expect(std::uint64_t hints) {
+    awaited_ += hints - std::min(hints, early_);
+    pause_ = firstPause;
+    lookedFor_ = 0ms;
+}
+
+void WakeUps::lookedInVain() {
+    lookedFor_ += pause_;
+    pause_ = std::min(2 * pause_, longestWait - lookedFor_);
+    // Some hints announce nothing, for example a forged one.
+    if (lookedFor_ == longestWait)
+        awaited_ = 0;
+}
+
+void WakeUps::entryCame() {
+    if (!thread_.joinable())
+        return;
+    if (awaited_ == 0) {
+        ++early_;
+        return;
+    }
+    --awaited_;
+    pause_ = firstPause;
+    lookedFor_ = 0ms;
+}
+
+void WakeUps::run() {
+    while (readUntilMainWaits() && awaitTurn())
+        ;
+}
+
+bool WakeUps::readUntilMainWaits() {
     for (;;) {
+        prepareToPoll(polled_.data());
         poll(polled_.data(), polled_.size(), -1);
         if (polled_.back().revents != 0)
-            return;
-        int hints = 0;
-        for (std::size_t i = 0; i < sources_.size(); ++i)
-            hints += polled_[i].revents != 0 ? drainOrDrop(i) : 0;
+            return false;
+        const int hints = drainReadable(polled_.data());
+        const bool isFlood = meter_.isFlood(hints);
+        const bool isOver = hints > 0 && !isFlood && giveBack();
         if (hints > 0)
             addTo(hints_, static_cast<std::uint64_t>(hints));
-        if (meter.isFlood(hints)) {
-            sitOutFlood(meter.rest());
-            meter.rested();
-        }
+        if (isOver)
+            return true;
+        if (isFlood)
+            sitOutFlood();
     }
 }
 
-int WakeUps::drainOrDrop(std::size_t index) {
-    const int hints = drain(sources_[index], polled_[index].revents);
-    if (hints >= 0)
-        return hints;
-    polled_[index].fd = -1;
-    sources_[index].descriptor.reset();
-    return 0;
+bool WakeUps::giveBack() {
+    const Held<Mutex> held(mutex_);
+    threadReads_ = !mainWaits_;
+    return mainWaits_;
 }
 
-void WakeUps::sitOutFlood(std::chrono::milliseconds rest) {
-    for (std::size_t i = 0; i < sources_.size(); ++i) {
-        const Source& source = sources_[i];
-        if (source.isDatagramSocket && closeGate(source.descriptor))
-            while (drainOrDrop(i) == floodSize)
+bool WakeUps::awaitTurn() {
+    for (;;) {
+        pollfd watched[] = {{relief_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
+        poll(watched, 2, -1);
+        if (watched[1].revents != 0)
+            return false;
+        std::uint64_t expirations = 0;
+        if (readSome(relief_.get(), &expirations, sizeof expirations) < 0)
+            continue; // stopped just now
+        const Held<Mutex> held(mutex_);
+        if (!mainWaits_)
+            threadReads_ = true;
+        if (threadReads_)
+            return true;
+    }
+}
+
+void WakeUps::sitOutFlood() {
+    for (Source& source : sources_)
+        if (source.isDatagramSocket && source.descriptor.isOpen() && closeGate(source.descriptor))
+            while (drain(source, 0) == floodSize)
                 ; // what came before the gate was closed
-    }
-    poll(&polled_.back(), 1, static_cast<int>(rest.count()));
+    poll(&polled_.back(), 1, static_cast<int>(meter_.rest().count()));
     for (const Source& source : sources_)
-        if (source.isDatagramSocket)
+        if (source.isDatagramSocket && source.descriptor.isOpen())
             openGate(source.descriptor);
+    meter_.rested();
     addTo(hints_, untilQuiet);
 }
 
-int WakeUps::drain(const Source& source, short events) {
+void WakeUps::prepareToPoll(pollfd* polled) const {
+    for (const Source& source : sources_)
+        *polled++ = {source.descriptor.get(), POLLIN | POLLRDHUP, 0};
+}
+
+int WakeUps::drainReadable(const pollfd* polled) {
+    int hints = 0;
+    for (std::size_t i = 0; i < sources_.size(); ++i)
+        hints += polled[i].revents != 0 ? drain(sources_[i], polled[i].revents) : 0;
+    return hints;
+}
+
+int WakeUps::drain(Source& source, short events) {
     const bool isEnding = (events & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
     for (int hints = 0; hints < floodSize;) {
         char thrownAway[bufferSize];
@@ -222,43 +339,31 @@ int WakeUps::drain(const Source& source, short events) {
             // Polling it again would return at once, and for ever.
             reportDropped(source.descriptor,
                           length < 0 && errno != EAGAIN ? errorText(errno) : "End of input");
-            return -1;
+            source.descriptor.reset();
+            return 0;
         }
     }
     return floodSize;
 }
 
-int WakeUps::descriptor() const {
-    // A sender that never stops causes two looks in a millisecond at most.
-    return awaited_ > 0 && pause_ == firstPause ? -1 : hints_.get();
-}
-
-int WakeUps::timeout() const {
-    return awaited_ > 0 ? static_cast<int>(pause_.count()) : -1;
-}
-
-void WakeUps::polled(int result, short events) {
-    if (events != 0) {
-        std::uint64_t hints = 0;
-        static_cast<void>(readSome(hints_.get(), &hints, sizeof hints));
-        awaited_ += hints;
-        pause_ = firstPause;
-        waited_ = 0ms;
-    } else if (result == 0) {
-        waited_ += pause_;
-        pause_ = std::min(2 * pause_, longestWait - waited_);
-        // Some hints announce nothing, for example a forged one.
-        if (waited_ == longestWait)
-            awaited_ = 0;
+bool WakeUps::FloodMeter::isFlood(int hints) {
+    const Clock::time_point now = Clock::now();
+    if (now - start_ > floodPeriod) {
+        begin(now);
+        rest_ = firstRest;
     }
+    hints_ += hints;
+    return hints_ >= floodSize;
 }
 
-void WakeUps::entryCame() {
-    if (awaited_ == 0)
-        return;
-    --awaited_;
-    pause_ = firstPause;
-    waited_ = 0ms;
+void WakeUps::FloodMeter::rested() {
+    begin(Clock::now());
+    rest_ = std::min(2 * rest_, longestRest);
+}
+
+void WakeUps::FloodMeter::begin(Clock::time_point now) {
+    start_ = now;
+    hints_ = 0;
 }
 
 } // namespace qwk

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/fileDescriptor.h"
+#include "support/threadSafety.h"
 
 namespace qwk {
 
@@ -20,8 +21,9 @@ std::vector<FileDescriptor> takeHandedOverDescriptors();
 /// to half a second late. But it forwards each message at once to a syslog socket, and the kernel's
 /// log shows each record at once. The service manager can hand over descriptors of both. Whatever
 /// becomes readable on them is read and thrown away: it is a reason to look at the journal, no
-/// more. A thread of its own keeps the descriptors empty while the main thread is busy. Without
-/// descriptors there is no thread, and every wait is as if this class did not exist.
+/// more. The main thread reads them while it waits; a thread of its own keeps them empty while the
+/// main thread is busy for long, and in a flood. Without descriptors there is no thread, and every
+/// wait is as if this class did not exist.
 ///
 /// The main thread alone uses an object.
 class WakeUps {
@@ -35,49 +37,97 @@ public:
     WakeUps(const WakeUps&) = delete;
     WakeUps& operator=(const WakeUps&) = delete;
 
-    /// Becomes readable with a hint: for poll() beside the journal's descriptor. -1 when there are
-    /// no descriptors, and in the shortest pause between two looks.
-    int descriptor() const;
-    /// The time-out of that poll(), in milliseconds; -1 for none. An entry may reach the journal a
-    /// little after its hint: the journal is looked at again soon, then less and less often.
-    int timeout() const;
-    /// Takes the outcome of that poll(): its result, and the events of the descriptor.
-    void polled(int result, short events);
+    /// Waits until the descriptor `journal` or `stop` is readable, a signal or a hint comes, or it
+    /// is time for another look: an entry may reach the journal a little after its hint, so the
+    /// journal is looked at again soon, then less and less often. False when it was nothing but a
+    /// hint or the time.
+    bool wait(int journal, int stop);
     /// To be called for each entry that is read from the journal.
     void entryCame();
 
 private:
     struct Source {
-        FileDescriptor descriptor;
+        FileDescriptor descriptor; // none after it was dropped
         bool isDatagramSocket; // it may read an empty message; elsewhere 0 is the end of the input
+    };
+
+    /// Tells whether there is a flood, and how long to rest.
+    class FloodMeter {
+    public:
+        bool isFlood(int hints);
+        std::chrono::milliseconds rest() const { return rest_; }
+        void rested();
+
+    private:
+        using Clock = std::chrono::steady_clock;
+
+        void begin(Clock::time_point now);
+
+        Clock::time_point start_;
+        int hints_ = 0;
+        std::chrono::milliseconds rest_{0};
     };
 
     void add(FileDescriptor descriptor);
     void startThread();
-    /// Reads all sources until the object ends. Runs on the thread.
-    void drainAll();
-    /// Reads nothing for the time `rest`, in which the datagram sockets stay empty all the same.
-    void sitOutFlood(std::chrono::milliseconds rest);
-    /// drain() for a source that the thread polled. Closes it, and returns 0, after the last hint.
-    int drainOrDrop(std::size_t index);
-    /// Reads what is there, up to the size of a flood. `events` are poll()'s. Returns the number of
-    /// hints; -1, reported, when nothing more can come.
-    static int drain(const Source& source, short events);
 
-    /// The thread's, once it runs.
-    std::vector<Source> sources_;
-    /// What the thread polls: the sources in their order, then stop_. A source that was dropped is
-    /// -1 in it.
-    std::vector<pollfd> polled_;
+    // The main thread's part.
+    /// True when the main thread is to read the sources in this wait.
+    bool beginWait();
+    void endWait(bool isFlood);
+    /// In milliseconds; -1 for none.
+    int timeout() const;
+    /// The hints that poll() has found, when it polled `count` elements of waited_.
+    std::uint64_t takeHints(std::size_t count, bool& isFlood);
+    void expect(std::uint64_t hints);
+    void lookedInVain();
 
-    FileDescriptor stop_;  // becomes readable when the thread is to end
-    FileDescriptor hints_; // counts the hints that the main thread has not taken
+    // The thread's part.
+    void run();
+    /// Reads the sources until the main thread can. False when the object ends.
+    bool readUntilMainWaits();
+    /// Waits until the main thread has been busy for long, or meets a flood. False when the object
+    /// ends.
+    bool awaitTurn();
+    bool giveBack();
+    /// Reads nothing for some time, in which the datagram sockets stay empty all the same.
+    void sitOutFlood();
+
+    // For the one who reads the sources.
+    /// Fills in one element for each of sources_.
+    void prepareToPoll(pollfd* polled) const;
+    /// Reads each source that poll() has found readable, in the order of sources_. Returns the
+    /// number of hints.
+    int drainReadable(const pollfd* polled);
+    /// Reads what is there, up to the size of a flood, and returns the number of hints. `events`
+    /// are poll()'s. Closes the source, and returns 0, when nothing more can come.
+    int drain(Source& source, short events);
+
+    FileDescriptor stop_;   // becomes readable when the thread is to end
+    FileDescriptor hints_;  // counts the hints that the thread has read and main has not taken
+    FileDescriptor relief_; // a timer: runs while the main thread is busy
     std::thread thread_;
 
+    /// A leaf lock.
+    Mutex mutex_;
+    bool mainWaits_ QWK_GUARDED_BY(mutex_) = false;
+    /// Who reads: the thread, or the main thread in its waits.
+    bool threadReads_ QWK_GUARDED_BY(mutex_) = true;
+
+    // The reader's.
+    std::vector<Source> sources_;
+    FloodMeter meter_;
+
+    /// What the thread polls: the sources in their order, then stop_.
+    std::vector<pollfd> polled_;
+
     // The main thread's.
-    std::uint64_t awaited_ = 0;           // entries that were announced and have not come
-    std::chrono::milliseconds pause_{0};  // until the next look, while entries are awaited
-    std::chrono::milliseconds waited_{0}; // in vain, since the last hint or entry
+    /// What it polls: the journal, the stop, hints_, then the sources in their order.
+    std::vector<pollfd> waited_;
+    std::uint64_t awaited_ = 0;              // entries that were announced and have not come
+    std::uint64_t early_ = 0;                // entries that came before their hints were taken
+    std::chrono::milliseconds pause_{0};     // until the next look, while entries are awaited
+    std::chrono::milliseconds lookedFor_{0}; // in vain, since the last hint or entry
 };
 
 } // namespace qwk

@@ -1,6 +1,7 @@
 #include "logger/logger.h"
 
 #include <exception>
+#include <utility>
 
 #include <log4cplus/fileappender.h>
 #include <log4cplus/layout.h>

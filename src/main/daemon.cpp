@@ -130,9 +130,9 @@ void runDaemon() {
     blockBrokenPipe();
     std::vector<FileDescriptor> wakeUps = takeHandedOverDescriptors();
     static_cast<void>(stopRequest()); // created before the handler can use it
+    ServiceStatus status;
     createObjects(std::move(wakeUps));
     takeSignals();
-    ServiceStatus status;
     g_daemon.journal->observeFolder([&status](bool isMissing) {
         if (isMissing)
             status.waitForJournal();

@@ -22,6 +22,10 @@ struct TimeText {
 
 } // namespace
 
+ServiceStatus::ServiceStatus() {
+    tzset();
+}
+
 void ServiceStatus::ready() {
     static_cast<void>(sd_notify(keepEnvironment, "READY=1"));
     tell();
@@ -55,7 +59,6 @@ void ServiceStatus::enter(State state) {
 
 // After a failure the manager shows an older line; there is no one else to inform.
 void ServiceStatus::tell() const {
-    const TimeText since(since_);
     switch (state_) {
     case State::storing:
         static_cast<void>(sd_notify(keepEnvironment, "STATUS=Storing entries."));
@@ -66,13 +69,13 @@ void ServiceStatus::tell() const {
         break;
     case State::waitingForDevice:
         static_cast<void>(sd_notifyf(keepEnvironment, "STATUS=Waiting for %s since %s.",
-                                     eepromDevicePath, since.text));
+                                     eepromDevicePath, TimeText(since_).text));
         break;
     case State::chipSilent:
         static_cast<void>(
             sd_notifyf(keepEnvironment,
                        "STATUS=The chip has not answered since %s. Entries in memory only: %u.",
-                       since.text, unstored_));
+                       TimeText(since_).text, unstored_));
         break;
     }
 }

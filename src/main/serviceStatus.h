@@ -10,6 +10,10 @@ namespace qwk {
 /// by the main thread only.
 class ServiceStatus {
 public:
+    /// Sets up the time zone. Create it before other threads run: they convert times under a lock
+    /// that this object does not know.
+    ServiceStatus();
+
     /// Start-up is over; the state is that entries are stored, until another one is reported.
     void ready();
     void stopping();
