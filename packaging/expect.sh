@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2034 # used by the scripts that source this
+# shellcheck disable=SC2034,SC2154 # failures and patience: of this file and of who sources it
 # What the trials expect of a system that runs beside this one. Who sources it defines onSystem, which
 # runs a shell's command line there, and sets patience, the seconds for an expectation to come true.
 
