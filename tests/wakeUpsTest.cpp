@@ -131,7 +131,8 @@ TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
         EXPECT_TRUE(arrives(texts.back()));
     }
     expectAll();
-    EXPECT_EQ(countOpen(), before);
+    // A client's connection may have been open at either count.
+    EXPECT_TRUE(eventually(10s, [&] { return countOpen() <= before; }));
     EXPECT_EQ(daemon->end(), 0); // while the sender goes on
     forwarding.reset();          // as at a stop, which ends a sender's wait
     ends = true;
