@@ -97,39 +97,6 @@ TEST_F(EepromTest, newAndClearedChipsContinueTheLogFileAndNumbersWrap) {
     EXPECT_EQ(flushed(), expected);
 }
 
-TEST_F(EepromTest, ofTwoValidCopiesTheFirstCountsAndAnEmptyCacheStaysAsItIs) {
-    useCache({36, 0, 42});
-    poke(18, oneEntryHeader);
-    sink.recent = {{1, "left over"}};
-    EXPECT_EQ(openEeprom().flush(), 0);
-    EXPECT_TRUE(sink.recent.empty() && sink.written.empty() && takeDiagnostics().empty());
-    append("next");
-    EXPECT_EQ(sink.recent, (Lines{{42, "next"}}));
-    // The headers' count is what a load tells and no reason to keep a cache without records.
-    useCache({36, 7, 9});
-    sink.filled = false;
-    EXPECT_EQ(openEeprom().flush(), 0);
-    EXPECT_EQ(takeDiagnostics(),
-              "info: 7 log entries read from cache.|"
-              "info: 0 log entries written, next sequence number is [00000009].|");
-    EXPECT_EQ(bytes(6, 8), (Bytes{0, 36, 0, 0, 0, 0, 0, 9}));
-}
-
-TEST_F(EepromTest, anEntryThatFitsExactlyIsStoredAndOneMoreByteFlushesFirst) {
-    for (const bool fits : {true, false}) {
-        useCache();
-        for (int i = 0; i < 30; ++i)
-            append(std::string(256, 'm'));
-        append(std::string(fits ? 11 : 12, 'x')); // the 30 leave room for a record of 26 bytes
-        EXPECT_EQ(sink.written.size(), fits ? 0 : 30);
-        const Lines recent = sink.recent;
-        EXPECT_EQ(recent.size(), fits ? 31 : 1);
-        EXPECT_EQ(recent.back().id, 30U); // the numbering goes on
-        EXPECT_EQ(flushed(), recent);
-        sink.written.clear();
-    }
-}
-
 TEST_F(EepromTest, damageIsReportedAndEndsWithTheNextFlush) {
     const std::string unreadable = "Cannot read KLV for log entry at ";
     // What is wrong in a cache of "hello" at 36 and "world" at 56, the header's end, the number of

@@ -233,13 +233,25 @@ protected:
         run("/usr/bin/journalctl", {"--vacuum-files=1"});
         daemon = std::make_unique<Daemon>();
     }
+    // Stops the reader, the daemon or both at once.
+    void stopAny() {
+        const int signal = random.oneIn(2) ? SIGKILL : SIGTERM;
+        const bool both = random.oneIn(5);
+        const bool ofDaemon = both || random.oneIn(2);
+        if (ofDaemon)
+            EXPECT_EQ(daemon->end(signal), signal == SIGKILL ? -SIGKILL : 0);
+        if (!ofDaemon || both)
+            stopReader(signal);
+        if (ofDaemon)
+            restartDaemon();
+        ++stopped[(ofDaemon ? both ? "both " : "daemon " : "reader ") +
+                  (signal == SIGKILL ? "KILL"s : "TERM"s)];
+    }
     // All entries that ever reached the log files, each once.
-    static std::vector<std::string> storedEntries(int& rolls) {
+    static std::vector<std::string> storedEntries() {
         std::string all;
-        for (rolls = 0; std::filesystem::exists(qwk::logFileName(rolls + 1)); ++rolls) {
-        }
-        for (int index = rolls; index >= 0; --index)
-            all += readFile(qwk::logFileName(index));
+        for (int index = 0; std::filesystem::exists(qwk::logFileName(index)); ++index)
+            all.insert(0, readFile(qwk::logFileName(index)));
         std::vector<std::string> once;
         std::set<std::string> seen;
         for (std::string& entry : entriesOf(all))
@@ -247,11 +259,43 @@ protected:
                 once.push_back(std::move(entry));
         return once;
     }
+    // Each start of the reader goes on after the entry that was recorded. An entry whose daemon was
+    // killed before the chip had it may be printed, and is in no file.
+    void expectAllPrintedOnce() {
+        const std::vector<std::string> stored = storedEntries();
+        std::map<std::string, std::size_t> place;
+        for (const std::string& entry : stored)
+            place.emplace(entry, place.size());
+        std::size_t next = 0, repeated = 0, onlyPrinted = 0;
+        for (std::size_t start = 0; start < printed.size(); ++start) {
+            bool first = true;
+            for (const std::string& entry : printed[start]) {
+                const auto found = place.find(entry);
+                if (found == place.end()) {
+                    ++onlyPrinted;
+                    continue;
+                }
+                if (std::exchange(first, false) && found->second < next) {
+                    repeated += next - found->second;
+                    next = found->second;
+                    EXPECT_EQ(next == 0 ? "" : stored[next - 1].substr(0, 10), recorded[start - 1]);
+                }
+                EXPECT_EQ(found->second, next++) << "lost or again: " << entry;
+            }
+        }
+        EXPECT_EQ(next, stored.size());
+        EXPECT_LE(onlyPrinted, stopped["daemon KILL"] + stopped["both KILL"]);
+        for (const auto& [what, times] : stopped)
+            std::printf("%s: %zu\n", what.c_str(), times);
+        std::printf("%zu entries, %zu printed again, %zu that the chip never had\n", stored.size(),
+                    repeated, onlyPrinted);
+    }
 
     Random random;
     std::unique_ptr<Daemon> daemon;
     std::unique_ptr<ChildProcess> reader;
     std::uint32_t sent = 0;
+    std::map<std::string, std::size_t> stopped;    // how often, by what and how
     std::vector<std::vector<std::string>> printed; // by each start of the reader
     std::vector<std::string> recorded;             // the last entry's number, after each
 };
@@ -261,23 +305,13 @@ protected:
 TEST_F(StopTest, everyEntryIsPrintedOnceWhateverIsStoppedAndWhen) {
     const char* text = std::getenv("QUILLWICK_TAIL_STOPS");
     const std::uint32_t stops = text != nullptr ? static_cast<std::uint32_t>(std::atoi(text)) : 30;
-    std::map<std::string, std::size_t> count;
     std::uint32_t bursts = 0;
     daemon = std::make_unique<Daemon>();
     startReader();
     for (std::uint32_t stop = 0; stop < stops; ++stop) {
         logSome(random.upTo(60));
         std::this_thread::sleep_for(std::chrono::microseconds(random.upTo(60000)));
-        const bool killed = random.oneIn(2);
-        const bool both = random.oneIn(5);
-        const bool ofDaemon = both || random.oneIn(2);
-        ++count[(ofDaemon ? both ? "both " : "daemon " : "reader ") + (killed ? "KILL"s : "TERM"s)];
-        if (ofDaemon)
-            EXPECT_EQ(daemon->end(killed ? SIGKILL : SIGTERM), killed ? -SIGKILL : 0);
-        if (!ofDaemon || both)
-            stopReader(killed ? SIGKILL : SIGTERM);
-        if (ofDaemon)
-            restartDaemon();
+        stopAny();
         if (!reader->wait(0ms))
             continue;
         if (bursts * 40 < stop) { // the log rolls meanwhile
@@ -293,43 +327,8 @@ TEST_F(StopTest, everyEntryIsPrintedOnceWhateverIsStoppedAndWhen) {
     stopReader(SIGTERM);
     client({"-f"});
     EXPECT_EQ(daemon->end(), 0);
-
-    int rolls = 0;
-    const std::vector<std::string> stored = storedEntries(rolls);
-    std::map<std::string, std::size_t> place;
-    for (std::size_t i = 0; i < stored.size(); ++i)
-        place[stored[i]] = i;
-    // Each start of the reader goes on after the entry that was recorded. An entry whose daemon was
-    // killed before the chip had it may be printed, and is in no file.
-    std::size_t next = 0, repeated = 0, lost = 0, onlyPrinted = 0;
-    for (std::size_t start = 0; start < printed.size(); ++start) {
-        bool first = true;
-        for (const std::string& entry : printed[start]) {
-            const auto found = place.find(entry);
-            if (found == place.end()) {
-                ++onlyPrinted;
-                continue;
-            }
-            if (first && found->second < next) {
-                repeated += next - found->second;
-                next = found->second;
-                EXPECT_EQ(next == 0 ? "" : stored[next - 1].substr(0, 10), recorded[start - 1]);
-            }
-            first = false;
-            EXPECT_GE(found->second, next) << "again: " << entry;
-            lost += found->second > next ? found->second - next : 0;
-            next = found->second + 1;
-        }
-    }
-    lost += stored.size() - next;
-    EXPECT_EQ(lost, 0U);
-    EXPECT_LE(onlyPrinted, count["daemon KILL"] + count["both KILL"]);
-    EXPECT_GE(rolls, static_cast<int>(stops) / 50);
-    for (const auto& [what, times] : count)
-        std::printf("%s: %zu\n", what.c_str(), times);
-    std::printf("%zu entries, %d rolls, %zu starts of the reader: %zu lost, %zu printed and not "
-                "recorded, printed again, %zu printed that the chip never had\n",
-                stored.size(), rolls, printed.size(), lost, repeated, onlyPrinted);
+    expectAllPrintedOnce();
+    EXPECT_TRUE(std::filesystem::exists(qwk::logFileName(static_cast<int>(stops) / 50)));
 }
 
 TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {

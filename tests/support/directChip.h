@@ -12,12 +12,7 @@ public:
     ~DirectDevice();
 };
 
-// The diagnostics without syslog and without a limit. Takes the place of a SyslogCapture.
-class DirectMessages {
-public:
-    static std::vector<SyslogMessage> take();
-};
-
-using DirectBoard = BoardOver<DirectDevice, DirectMessages>;
+// Nothing is reported.
+using DirectBoard = BoardOver<DirectDevice>;
 
 } // namespace testSupport
