@@ -1,14 +1,16 @@
 // What survives: a power cut or a reset after every byte on the bus, a fault of every transfer, and
-// chips of any content. QUILLWICK_MATRIX=full runs every case; otherwise large matrices are
-// sampled.
+// chips of any content. A model says after every operation what the chip and the log must hold.
+// QUILLWICK_MATRIX=full runs every case; otherwise large matrices are sampled.
 
 #include <cstdlib>
 #include <random>
 #include <set>
 
-#include "support/directChip.h"
+#include "decode/imageReader.h"
+#include "support/modelledBoard.h"
 
 using namespace testSupport;
+using namespace qwk::decode;
 
 namespace {
 
@@ -18,241 +20,161 @@ std::size_t stride(std::size_t sampled) {
     return matrix != nullptr && std::string(matrix) == "full" ? 1 : sampled;
 }
 
-// The chip and the log file at a moment when both are well.
-struct Snapshot {
-    framEmulator::Image image{};
-    Lines written;
-    Lines cached;
-};
+constexpr std::uint32_t entryLength = messageAt + 100;
+constexpr std::size_t fullChip = 70; // entries
+constexpr std::size_t notDamaged = SIZE_MAX;
+// Beside the endings of the power: at a transfer, not after a byte.
+enum Fault : unsigned { failsOnce = endings, isCutShort, failsForGood, faults };
 
-enum class Work { append, flush, clear, load, dump };
-enum class Fault { once, cutShort, forGood };
-// How a cut ends: with the last byte new, old or of random bits; or the board is reset, the chip
-// keeps its supply, and the recovery of the bus stores one more byte behind an unfinished write.
-enum Ending : unsigned { newValue, oldValue, randomBits, warmReset, endings };
-
-class DurabilityTest : public DirectBoard {
+class DurabilityTest : public ModelledBoard {
 protected:
-    DurabilityTest() {
-        chip.setRecording(false);
-        // A line is on stable storage when the lock is released, if there still is power then.
-        sink.onUnlock = [this] {
-            if (chip.isPowered())
-                stable = sink.written.size();
-        };
-    }
-
-    // Texts tell their number, so that a number that names two entries is found.
+    // Texts begin like a record and end with their number.
     std::string text(std::size_t number) const {
-        return std::string(94, 'm') + std::to_string(100000 + number);
+        return "log1\n" + std::string(isVaried ? number * 37 % 240 : 89, 'm') +
+               std::to_string(firstText + number);
     }
-    void restore(const Snapshot& moment, Work coming = Work::append) {
-        chip.setImage(moment.image);
-        sink.written = moment.written;
-        stable = sink.written.size();
-        next = moment.written.size() + moment.cached.size();
-        comeBack(true);
-        sink.filled = coming != Work::load;
-    }
-    // The board comes back after a cut. Lines that were not on stable storage may be gone.
-    void comeBack(bool unsyncedLinesSurvive) {
-        chip.clearFaults();
-        chip.powerOn();
-        if (!unsyncedLinesSurvive)
-            sink.written.resize(std::min(stable, sink.written.size()));
-        sink.recent.clear(); // a new process, which knows the log file
-        sink.filled = false;
-        sink.nextId = sink.written.empty() ? 0 : sink.written.back().id + 1;
-        takeDiagnostics();
-    }
-    // What the log file and the loaded chip hold, without repetitions.
-    std::set<std::pair<std::uint32_t, std::string>> entries() const {
-        std::set<std::pair<std::uint32_t, std::string>> all;
-        for (const auto& part : {sink.written, sink.recent})
-            for (const Line& line : part)
-                all.emplace(line.id, line.message);
-        return all;
-    }
-    // Each of the first `required` entries is there, at most one more is, and every number has one
-    // text and no gap before it.
-    void expectNothingLost(std::size_t required, bool linesMayComeTwice) {
-        std::uint32_t count = 0;
-        for (const auto& [id, message] : entries()) {
-            ASSERT_EQ(id, count++);
-            ASSERT_EQ(message, text(id));
-        }
-        ASSERT_TRUE(count == required || count == required + 1);
-        ASSERT_TRUE(linesMayComeTwice || sink.written.size() + sink.recent.size() == count);
-    }
-    void expectAppendWorks(const std::string& message) {
-        append(message);
-        ASSERT_FALSE(sink.recent.empty());
-        ASSERT_EQ(sink.recent.back().message, message);
-        ASSERT_EQ(openEeprom().flush(), 0);
-        ASSERT_EQ(sink.written.back().message, message);
-    }
-    // A new chip with this many entries, flushed or not, and one byte of it wrong.
-    Snapshot filled(std::size_t entries, bool flushed = false, std::size_t damaged = notDamaged) {
-        restore({});
-        while (next < entries)
-            work(Work::append);
-        if (flushed)
-            openEeprom().flush();
-        if (damaged != notDamaged)
-            flip(8 * damaged);
-        return {chip.image(), sink.written, sink.recent};
-    }
-    void work(Work kind) {
-        kind == Work::append  ? append(text(next++))
-        : kind == Work::flush ? void(openEeprom().flush())
-        : kind == Work::clear ? void(openEeprom().clear())
-        : kind == Work::load  ? load()
-                              : void(openEeprom().hexDump(devNull.get()));
-    }
+    void append() { work(Work::append, text(now.messages++)); }
+    void doWork(Work kind) { kind == Work::append ? append() : work(kind); }
     void flip(std::size_t bit) {
-        poke(bit / 8, {static_cast<std::uint8_t>(bytes(bit / 8, 1)[0] ^ (1U << bit % 8))});
+        framEmulator::Image image = model.image;
+        image[bit / 8] = static_cast<std::uint8_t>(image[bit / 8] ^ 1U << bit % 8);
+        setImage(image);
     }
-
-    void endAfter(std::uint64_t bytes, unsigned ending) {
-        if (ending == warmReset)
-            chip.resetMasterAfter(bytes);
-        else
-            chip.cutPowerAfter(bytes, static_cast<framEmulator::TornByte>(ending),
-                               static_cast<std::uint32_t>(bytes));
+    // A new chip with this many entries, after some that were flushed.
+    Moment filled(std::size_t flushed, std::size_t entries) {
+        restore({});
+        while (now.messages < flushed)
+            append();
+        work(Work::flush);
+        while (now.messages < flushed + entries)
+            append();
+        return now;
     }
-    static bool isValid(const framEmulator::Image& image, std::size_t copy) {
-        const std::uint8_t* block = &image[18 * copy];
-        return qwk::framLayout::storedCrc(block) == qwk::framLayout::computedCrc(block);
+    // The daemon comes to the work, with its entries loaded unless that is the work.
+    void restore(const Moment& moment, Work coming = Work::append) {
+        ModelledBoard::restore(moment);
+        if (coming == Work::load)
+            restart();
     }
-    // The recovery after a reset stores its byte also behind the address of a read. Where that
-    // costs entries, the byte is all that is wrong: put right, it brings every entry back.
-    void putSpoiledByteRight(const framEmulator::Image& known) {
-        framEmulator::Image image = chip.image();
-        const bool headersSpoiled = !isValid(image, 0) && !isValid(image, 1);
-        if (headersSpoiled && !isValid(known, 0) && !isValid(known, 1))
-            return; // a new chip
-        const auto header = qwk::framLayout::decodeHeader(&image[isValid(image, 0) ? 0 : 18]);
-        for (std::size_t at = headersSpoiled ? 0 : 36; at < (headersSpoiled ? 36 : header.end);
-             ++at)
-            if (image[at] == 0xff && known[at] != 0xff) {
-                const bool isKey = !headersSpoiled && (at == 36 || known[at] == 'l');
-                load();
-                ASSERT_EQ(takeDiagnostics().find("corrupted") != std::string::npos, isKey);
-                image[at] = at == 36 ? std::uint8_t{'l'} : known[at];
-                spoiledHeaders += isOnlyCut && headersSpoiled;
-                spoiledChains += isOnlyCut && isKey;
-                spoiledPriorities += isOnlyCut && !headersSpoiled && !isKey;
-            }
-        chip.setImage(image);
-        sink.recent.clear();
-        sink.filled = false;
-    }
-    // Cuts the power in the work, then perhaps also in the recovery, and checks what is left. Each
-    // cut is one point of the matrix.
-    void cut(const Snapshot& before, Work kind, std::uint64_t first, unsigned ending,
+    // Cuts the power in the work, or fails a transfer, then perhaps cuts the recovery, too. Each
+    // cut and each fault is one point of the matrix.
+    void cut(const Moment& before, Work kind, std::uint64_t first, unsigned ending,
              std::uint64_t second = never) {
         SCOPED_TRACE(testing::Message() << "cut after byte " << first << " and, in the recovery, "
                                         << second << ", ending " << ending);
-        const bool unsyncedLinesSurvive = (first + ending) % 2 == 0;
         restore(before, kind);
-        std::size_t required = next;
-        endAfter(first, ending);
-        isOnlyCut = second == never;
-        work(kind);
-        if (kind == Work::append && chip.isPowered())
-            required = next; // it has returned
-        comeBack(unsyncedLinesSurvive);
-        if (kind != Work::clear)
-            ASSERT_NO_FATAL_FAILURE(putSpoiledByteRight(before.image));
-        stateIsNew = states.emplace(chip.image(), sink.written.size()).second;
+        losses.clear();
+        ending == failsOnce      ? chip.failTransfer(first)
+        : ending == isCutShort   ? chip.cutTransfer(first, first % 2) // an address has two bytes
+        : ending == failsForGood ? chip.failFrom(first)
+                                 : endAfter(first, ending);
+        ASSERT_NO_FATAL_FAILURE(doWork(kind));
+        comeBack((first + ending) % 2 == 0);
+        if (ending < endings)
+            ASSERT_NO_FATAL_FAILURE(expectDecoded(before.model.image));
+        stateIsNew = states.emplace(model.image, model.written.size()).second;
         if (second != never) {
-            const framEmulator::Image known = chip.image();
             endAfter(second, static_cast<unsigned>((first + second) % endings));
-            load();
-            openEeprom().flush();
+            ASSERT_NO_FATAL_FAILURE(work(Work::flush));
             cutReached = !chip.isPowered();
             comeBack((first + second) % 2 == 0);
-            ASSERT_NO_FATAL_FAILURE(putSpoiledByteRight(known));
         }
         ++points;
-        const bool copy0Broken = !isValid(chip.image(), 0);
-        load();
-        ASSERT_EQ(takeDiagnostics().find("corrupted"), std::string::npos);
-        if (kind != Work::clear) // which takes the entries, as asked for
-            expectNothingLost(required,
-                              kind == Work::flush || required == fullChip || second != never);
-        // Where the first cut left copy 1 as it was, a second one in copy 0 brings the older state
-        // back, and the number of an entry that has reached the log file is given again.
-        const bool olderState = kind == Work::append && second != never && copy0Broken &&
-                                bytes(18, 18) == Bytes(&before.image[18], &before.image[36]);
-        const std::size_t number = entries().size();
-        expectAppendWorks(text(number));
-        ASSERT_TRUE(sink.written.back().id == number ||
-                    (olderState && sink.written.back().id + 1 == number));
+        ASSERT_NO_FATAL_FAILURE(append());
+        ASSERT_NO_FATAL_FAILURE(work(Work::flush));
+        const bool mayLose = kind == Work::clear || ending >= warmReset || second != never;
+        ASSERT_TRUE(losses.empty() || mayLose) << losses.begin()->first;
     }
-    // Whatever the chip holds, every operation ends, and a flush leaves an empty cache behind.
-    void expectSurvived() {
-        load();
-        work(Work::dump);
-        if (openEeprom().flush() == 0) {
-            takeDiagnostics();
-            load();
-            ASSERT_EQ(takeDiagnostics(), "info: 0 log entries read from cache.|");
+    // quillwick-decode shows the entries of the cache with their numbers, every other one whose
+    // bytes are as they were, each once, and invents none.
+    void expectDecoded(const framEmulator::Image& before) {
+        const Contents contents = readContents(model.image);
+        const Lines stored = model.stored();
+        ASSERT_GE(contents.entries.size(), stored.size());
+        for (std::size_t i = 0; i < stored.size(); ++i) {
+            ASSERT_EQ(contents.entries[i].certainty, Certainty::certain);
+            ASSERT_EQ(contents.entries[i].id, stored[i].id);
         }
-        expectAppendWorks("after");
+        std::set<std::string> seen;
+        ASSERT_NO_FATAL_FAILURE(expectGiven(contents.entries, seen));
+        for (const Section& section : contents.remains)
+            ASSERT_NO_FATAL_FAILURE(expectGiven(section.entries, seen));
+        for (const Record& record :
+             scanRecords(before, entryAreaStart, chipSize, AreaEnd::unknown).records) {
+            const auto old = before.begin() + record.address;
+            const bool isIntact =
+                std::equal(old, old + record.size, model.image.begin() + record.address);
+            ASSERT_TRUE(!isIntact || seen.count(record.entry.message) == 1) << record.address;
+        }
     }
-
-    static constexpr std::size_t notDamaged = SIZE_MAX;
+    // The text of the record that was being stored may be half old, but then it has no number.
+    void expectGiven(const std::vector<NumberedEntry>& entries, std::set<std::string>& seen) const {
+        for (const auto& [address, certainty, id, entry] : entries) {
+            const std::size_t digits =
+                entry.message.size() - std::min<std::size_t>(entry.message.size(), 6);
+            const std::size_t number =
+                std::strtoul(&entry.message[digits], nullptr, 10) - firstText;
+            const bool isGiven = number < now.messages && entry.message == text(number);
+            if (!isGiven && certainty == Certainty::unknown)
+                continue;
+            ASSERT_TRUE(isGiven && seen.insert(entry.message).second) << entry.message;
+            ASSERT_LE((id - number) * static_cast<unsigned>(certainty), 1U) << entry.message;
+        }
+    }
     static constexpr std::uint64_t never = UINT64_MAX;
-    static constexpr std::size_t fullChip = 70; // entries of 100 bytes
-    std::size_t next = 0;                       // number of the next entry
-    std::size_t stable = 0;                     // lines of the log file that no power cut takes
+    static constexpr std::size_t firstText = 100000;
+    bool isVaried = false;
     std::size_t points = 0;
-    bool isOnlyCut = false;
-    std::size_t spoiledHeaders = 0, spoiledChains = 0, spoiledPriorities = 0;
     // What the last point's first cut left was not met before; its second cut was reached.
     bool stateIsNew = false;
     bool cutReached = false;
     std::set<std::pair<framEmulator::Image, std::size_t>> states;
 };
-using ChipImageTest = DurabilityTest;
 
 struct Scenario {
     const char* name;
-    std::size_t entries; // in the chip before
+    std::size_t flushed, entries; // before
     Work work;
-    std::size_t sampled;            // every how manieth cut
-    std::size_t damaged = SIZE_MAX; // the byte that is wrong
-    bool flushed = false;           // the entries are in the log file, and the cache is empty
+    std::size_t sampled = 1;          // every how manieth cut
+    std::size_t damaged = notDamaged; // the byte that is wrong
+    bool isVaried = false;            // the texts' length
 };
-class PowerCutTest : public DurabilityTest, public testing::WithParamInterface<Scenario> {
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
+class FaultMatrixTest : public DurabilityTest, public testing::WithParamInterface<Scenario> {
 public:
     static constexpr Scenario scenarios[] = {
-        {"appendIntoANewChip", 0, Work::append, 1},
-        {"appendIntoAnEmptyCache", 2, Work::append, 1, notDamaged, true},
-        {"appendIntoAFilledCache", 5, Work::append, 1},
-        {"appendThatFillsTheChip", fullChip - 1, Work::append, 1},
-        {"appendOverTheEndOfAWriteChunk", 35, Work::append, 1},
-        {"appendThatFlushesFirst", fullChip, Work::append, 11},
-        {"flush", 5, Work::flush, 1},
-        {"flushOfAFullChip", fullChip, Work::flush, 11},
-        {"clear", 5, Work::clear, 5},
-        {"repairOfCopy0", 5, Work::load, 1, 10},
-        {"repairOfCopy1", 5, Work::load, 1, 28}};
+        {"appendIntoANewChip", 0, 0, Work::append},
+        {"appendIntoAnEmptyCache", 2, 0, Work::append},
+        {"appendIntoAFilledCache", 60, 5, Work::append},
+        {"appendOfVariedEntries", 20, 3, Work::append, 1, notDamaged, true},
+        {"appendThatFillsTheChip", 0, fullChip - 1, Work::append},
+        {"appendOverTheEndOfAWriteChunk", 0, 35, Work::append},
+        {"appendThatFlushesFirst", 0, fullChip, Work::append, 11},
+        {"flush", 60, 5, Work::flush},
+        {"flushOfAFullChip", 0, fullChip, Work::flush, 11},
+        {"clear", 60, 5, Work::clear, 5},
+        {"repairOfCopy0", 0, 5, Work::load, 1, 10},
+        {"repairOfCopy1", 0, 5, Work::load, 1, 28},
+        {"dump", 0, 5, Work::dump, 61}};
 };
-INSTANTIATE_TEST_SUITE_P(At, PowerCutTest, testing::ValuesIn(PowerCutTest::scenarios),
+INSTANTIATE_TEST_SUITE_P(At, FaultMatrixTest, testing::ValuesIn(FaultMatrixTest::scenarios),
                          [](const auto& instance) { return instance.param.name; });
 
 } // namespace
 
-TEST_P(PowerCutTest, everyByteLosesNothing) {
-    const auto& [name, entries, kind, sampled, damaged, flushed] = GetParam();
-    const Snapshot before = filled(entries, flushed, damaged);
+TEST_P(FaultMatrixTest, noByteAndNoTransferCostsAnEntry) {
+    const auto& [name, flushed, entries, kind, sampled, damaged, varied] = GetParam();
+    isVaried = varied;
+    filled(flushed, entries);
+    if (damaged != notDamaged)
+        flip(8 * damaged);
+    const Moment before = now;
     restore(before, kind);
-    chip.clearRecord();
-    work(kind);
-    const std::uint64_t wireBytes = chip.wireBytes();
-    for (std::uint64_t at = 0; at <= wireBytes; at += stride(sampled)) {
+    doWork(kind);
+    const std::uint64_t wireBytes = bytesOfWork, transfers = transfersOfWork;
+    for (std::uint64_t at = 0; at <= wireBytes; at += stride(sampled))
         for (unsigned ending = newValue; ending < endings; ++ending) {
             ASSERT_NO_FATAL_FAILURE(cut(before, kind, at, ending));
             // A recovery of few entries: the headers, perhaps a repair, the entries, the reset.
@@ -260,98 +182,39 @@ TEST_P(PowerCutTest, everyByteLosesNothing) {
             for (std::uint64_t second = at % 7; cutReached; second += stride(61))
                 ASSERT_NO_FATAL_FAILURE(cut(before, kind, at, ending, second));
         }
-    }
-    std::printf("%s: %zu cut points; resets that spoil headers %zu, a chain %zu, a "
-                "priority %zu\n",
-                name, points, spoiledHeaders, spoiledChains, spoiledPriorities);
+    for (std::uint64_t at = 1; at <= transfers; ++at)
+        for (unsigned fault = failsOnce; fault < faults; ++fault)
+            ASSERT_NO_FATAL_FAILURE(cut(before, kind, at, fault));
+    std::printf("%s: %zu points\n", name, points);
 }
 
-TEST_F(DurabilityTest, everyTransferFailsOnceIsCutShortAndFailsForGood) {
-    const std::string undone = "Writing log to FRAM cache failed.|";
-    // The entries before, the work, and what is said last when every transfer fails.
-    const std::tuple<std::size_t, Work, std::string> cases[] = {
-        {5, Work::append, undone}, {fullChip, Work::append, undone},
-        {5, Work::flush, ""},      {5, Work::clear, "Clearing of FRAM failed.|"},
-        {5, Work::load, ""},       {5, Work::dump, ""}};
-    for (const auto& [entries, kind, verdict] : cases) {
-        const Snapshot before = filled(entries);
-        restore(before);
-        chip.clearRecord();
-        work(kind);
-        const std::uint64_t transfers = chip.transferCount();
-        for (std::uint64_t at = 1; at <= transfers; ++at) {
-            for (const Fault fault : {Fault::once, Fault::cutShort, Fault::forGood}) {
-                SCOPED_TRACE(testing::Message()
-                             << "work " << static_cast<int>(kind) << ", transfer " << at
-                             << ", fault " << static_cast<int>(fault));
-                restore(before, kind);
-                fault == Fault::once ? chip.failTransfer(at)
-                : fault == Fault::cutShort
-                    ? chip.cutTransfer(at, at % 2) // an address has two bytes
-                    : chip.failFrom(at);
-                work(kind);
-                const std::string texts = takeDiagnostics();
-                if (fault == Fault::forGood && at == 1)
-                    ASSERT_EQ(texts.substr(verdict.empty() ? 0 : texts.rfind(verdict)), verdict);
-                ASSERT_FALSE(sink.isLocked);
-                chip.clearFaults();
-                if (kind != Work::flush && kind != Work::clear && entries < fullChip) {
-                    comeBack(true);
-                    load();
-                    ASSERT_NO_FATAL_FAILURE(expectNothingLost(entries, false));
-                }
-                ASSERT_NO_FATAL_FAILURE(expectAppendWorks("well again"));
-            }
-        }
-    }
-}
-
-TEST_F(ChipImageTest, oneWrongBitOfTheHeadersCostsNothingAndOneInEachIsSeen) {
-    constexpr std::size_t copyBits = 18 * 8;
-    const Snapshot before = filled(3);
-    for (std::size_t bit = 0; bit < 2 * copyBits; ++bit) {
-        restore(before);
-        flip(bit);
-        load();
-        ASSERT_EQ(sink.recent, before.cached) << bit;
-        ASSERT_EQ(chip.image(), before.image) << bit;
-    }
-    for (std::size_t pair = 0; pair < copyBits * copyBits; pair += stride(13)) {
-        restore(before);
-        flip(pair / copyBits);
-        flip(copyBits + pair % copyBits);
-        load();
-        ASSERT_TRUE(sink.recent.empty()) << pair;
-        ASSERT_NO_FATAL_FAILURE(expectSurvived()) << pair;
-    }
-}
-
-TEST_F(ChipImageTest, aWrongBitInARecordEndsNoOperation) {
-    const Snapshot before = filled(fullChip);
-    for (std::size_t bit = 36 * 8; bit < 8192 * 8; bit += stride(59)) {
-        restore(before);
-        flip(bit);
-        ASSERT_NO_FATAL_FAILURE(expectSurvived()) << bit;
-    }
-}
-
-TEST_F(ChipImageTest, anyContentUnderValidHeadersIsSurvived) {
-    const Snapshot before = filled(40);
-    for (std::uint32_t seed = 0; seed < 20000; seed += static_cast<std::uint32_t>(stride(23))) {
+TEST_F(DurabilityTest, anyContentIsTakenAsTheModelSays) {
+    const Moment before = filled(0, fullChip);
+    for (std::uint32_t seed = 0; seed < 50000; seed += static_cast<std::uint32_t>(stride(19))) {
         std::mt19937 random(seed);
+        const auto below = [&](std::uint32_t limit) {
+            return static_cast<std::uint32_t>(random() % limit);
+        };
+        framEmulator::Image image = before.model.image;
+        for (std::uint32_t count = seed % 16 == 0 ? 8 * chipSize : below(40); count > 0; --count)
+            image[below(chipSize)] = static_cast<std::uint8_t>(below(256));
+        for (const std::uint32_t copy : {0U, headerSize}) {
+            // Any end, one of whole records, or one that leaves just room for one.
+            const std::uint32_t ends[] = {below(65536), entryAreaStart + entryLength * below(72),
+                                          chipSize - entryLength - 1 + below(3)};
+            const auto block =
+                encodeHeader({ends[below(3)], below(3) * below(40), below(UINT32_MAX)});
+            if (below(3) > 0)
+                std::copy(block.begin(), block.end(), &image[copy]);
+            if (below(3) == 0)
+                image[copy + below(headerSize)] ^= static_cast<std::uint8_t>(1U << below(8));
+        }
         restore(before);
-        framEmulator::Image image = before.image;
-        for (std::size_t count = random() % 40; count > 0; --count)
-            image[random() % image.size()] = static_cast<std::uint8_t>(random());
-        if (seed % 3 == 0)
-            for (std::uint8_t& byte : image)
-                byte = static_cast<std::uint8_t>(random());
-        // Headers over any end and count, also one of whole records' ends.
-        const auto number = [&] { return static_cast<std::uint32_t>(random()); };
-        const std::uint32_t end = seed % 2 == 0 ? number() % 65536 : 36 + 115 * (number() % 72);
-        const auto block = qwk::framLayout::encodeHeader({end, number() % 65536, number()});
-        std::copy(block.begin(), block.end(), image.begin());
-        chip.setImage(image);
-        ASSERT_NO_FATAL_FAILURE(expectSurvived()) << "seed " << seed;
+        setImage(image);
+        now.isTrusted = false;
+        restart();
+        for (const Work kind :
+             {Work::load, Work::dump, Work::append, Work::flush, Work::load, Work::append})
+            ASSERT_NO_FATAL_FAILURE(doWork(kind)) << "seed " << seed;
     }
 }

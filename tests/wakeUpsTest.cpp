@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <thread>
 
@@ -46,12 +45,6 @@ protected:
     void forge(const std::string& datagram) {
         send(sender.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
     }
-    void logMore(int count) {
-        for (; count > 0; --count) {
-            texts.push_back("number " + std::to_string(texts.size()));
-            journald.log(3, "test", texts.back());
-        }
-    }
     // So that journald has never more messages in the queue than it holds, however busy this
     // machine is. That the queue gets empty is what is expected, whatever the daemon is doing.
     void logInBatches(int count) {
@@ -71,22 +64,10 @@ protected:
         while (eventually(1s, [&] { return looksInVain != seen; }));
         return seen;
     }
-    // Every text once and in order, in the lines of the flushed log.
-    void expectAll() {
-        ASSERT_TRUE(arrives(texts.back()));
-        client({"-f"});
-        std::vector<std::string> stored;
-        const std::string log = logFile();
-        std::istringstream lines(log);
-        for (std::string line; std::getline(lines, line);)
-            stored.push_back(line.substr(line.find("]: ") + 3));
-        EXPECT_EQ(stored, texts);
-    }
 
     static constexpr int queued = 150;
     Descriptor forwarding = makeForwardingSocket();
     const Descriptor sender{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    std::vector<std::string> texts;
 };
 
 } // namespace

@@ -83,8 +83,8 @@ private:
     std::mutex mutex_;
 };
 
-/// The board's stand-in chip at its path, and a cache whose every operation opens the device anew.
-template<class Device, class Messages>
+/// The board's chip at its place, and a cache over it whose every operation opens the device anew.
+template<class Device>
 class BoardOver : public testing::Test {
 protected:
     qwk::Eeprom openEeprom() {
@@ -116,6 +116,15 @@ protected:
         chip.clearRecord();
         return all;
     }
+
+    framEmulator::FramChip chip;
+    Device device{qwk::eepromDevicePath, chip};
+    RecordingSink sink;
+    File devNull{std::fopen("/dev/null", "w"), std::fclose};
+};
+
+class Board : public BoardOver<framEmulator::FramDevice> {
+protected:
     /// The diagnostics since the last call, each with its severity unless it is an error, and a
     /// bar.
     std::string takeDiagnostics() {
@@ -128,12 +137,7 @@ protected:
         return all;
     }
 
-    Messages syslog;
-    framEmulator::FramChip chip;
-    Device device{qwk::eepromDevicePath, chip};
-    RecordingSink sink;
-    File devNull{std::fopen("/dev/null", "w"), std::fclose};
+    SyslogCapture syslog;
 };
-using Board = BoardOver<framEmulator::FramDevice, SyslogCapture>;
 
 } // namespace testSupport

@@ -4,12 +4,14 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <vector>
 
 #include "framEmulator/framChip.h"
 #include "framEmulator/framDevice.h"
+#include "logger/sequenceNumber.h"
 #include "support/childProcess.h"
 #include "support/controlSocket.h"
 #include "support/journalFixture.h"
@@ -76,15 +78,25 @@ inline std::string client(const std::vector<std::string>& arguments) {
     return run(buildPath("quillwick"), arguments).output;
 }
 
-// The board without the daemon: chip, journal, log folder.
+// The messages of the lines numbered from 0 on, up to a number that is missing.
+inline std::vector<std::string> messagesOf(const std::string& log) {
+    std::vector<std::string> messages;
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(qwk::sequenceTag(static_cast<std::uint32_t>(messages.size()))) == 0)
+            messages.push_back(line.substr(line.find("]: ") + 3));
+    return messages;
+}
+
+// The board with everything but the daemon: chip, journal, log folder.
 class System : public testing::Test {
 protected:
     std::string logFile() {
         return std::filesystem::exists(qwk::logFilePath) ? readFile(qwk::logFilePath) : "";
     }
-    // Logs each text as an error of one program; they are in the journal's files on return.
-    void log(const std::vector<std::string>& texts) {
-        for (const std::string& text : texts)
+    // Each message as an error of one program, in the journal's files when this returns.
+    void log(const std::vector<std::string>& messages) {
+        for (const std::string& text : messages)
             journald.log(3, "test", text);
         journald.sync();
     }
@@ -99,7 +111,21 @@ protected:
         log({text});
         EXPECT_TRUE(arrives(text));
     }
+    // Adds as many texts, each once, and does not wait for the journal.
+    void logMore(int count) {
+        for (; count > 0; --count) {
+            texts.push_back("number " + std::to_string(texts.size()));
+            journald.log(3, "test", texts.back());
+        }
+    }
+    // Every text once and in order, in the lines of the flushed log.
+    void expectAll() {
+        ASSERT_TRUE(arrives(texts.back()));
+        client({"-f"});
+        EXPECT_EQ(messagesOf(logFile()), texts);
+    }
 
+    std::vector<std::string> texts;
     SyslogCapture syslog; // keeps the daemon's own messages out of the journal
     framEmulator::FramChip chip;
     std::unique_ptr<framEmulator::FramDevice> device =

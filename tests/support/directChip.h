@@ -4,20 +4,10 @@
 
 namespace testSupport {
 
-// The chip without a device file, a hundred times as fast: the linker redirects this program's
-// system calls to it (see directChip.cpp). Replaces a FramDevice. One at a time.
-class DirectDevice {
-public:
+// The chip without a device between, a hundred times as fast: the linker hands this program's
+// system calls to it (see directChip.cpp). Takes the place of a FramDevice. One at a time.
+struct DirectDevice {
     DirectDevice(const std::string& path, framEmulator::FramChip& chip);
-    ~DirectDevice();
 };
-
-// The diagnostics without syslog and without a limit. Replaces a SyslogCapture.
-class DirectMessages {
-public:
-    static std::vector<SyslogMessage> take();
-};
-
-using DirectBoard = BoardOver<DirectDevice, DirectMessages>;
 
 } // namespace testSupport
