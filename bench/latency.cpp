@@ -123,8 +123,7 @@ public:
             all.chip.push_back(since(start, lastRecordWritten()));
             all.journalctl.push_back(since(start, follower_.newest()));
         }
-        all.processorTime =
-            (processorTimeOf(daemon_->pid()) - before) / static_cast<double>(count);
+        all.processorTime = (processorTimeOf(daemon_->pid()) - before) / static_cast<double>(count);
         return all;
     }
 
