@@ -59,34 +59,23 @@ TEST_F(ChipAccessTest, rangesBecomeTransfersOfAtMost4096Bytes) {
     EXPECT_EQ(takeDiagnostics(), "");
 }
 
-TEST_F(ChipAccessTest, theFirstFailedOrShortTransferEndsTheOperation) {
-    Bytes data(8192), back(8192);
-    std::iota(data.begin(), data.end(), 1);
+TEST_F(ChipAccessTest, theFirstFailedTransferEndsTheOperation) {
+    const Bytes data(8192, 1);
     Chip access(8200, 0, 65536 - 8), paged(8192, 2048);
-    for (const bool isShort : {false, true}) {
-        // The failing transfer, and what those before it have stored.
-        for (const auto& [number, kept] : {std::pair(1U, 0U), {2U, 4092U}, {3U, 8186U}}) {
-            const auto expectFailure = [&, which = number](const auto& operation) {
-                chip.clearFaults();
-                if (isShort)
-                    chip.cutTransfer(which, 1);
-                else
-                    chip.failTransfer(which);
-                chip.clearRecord();
-                EXPECT_EQ(operation(), -1);
-                EXPECT_EQ(chip.transferCount(), which);
-            };
-            chip.setImage({});
-            expectFailure([&] { return access.write(10, data.data(), 8190); });
-            EXPECT_EQ(bytes(2, kept), Bytes(&data[0], &data[kept]));
-            const auto begin = std::chrono::steady_clock::now();
-            expectFailure([&] { return paged.write(0, data.data(), 8192); });
-            EXPECT_GE(std::chrono::steady_clock::now() - begin, 10ms * number);
-            expectFailure([&] { return access.read(0, back.data(), 8192); });
-            expectFailure([&] { return Chip().dump().empty() ? -1 : 0; });
-            EXPECT_EQ(takeDiagnostics(), "Writing of 8190 bytes at address 2 failed.|"
-                                         "Writing of 8192 bytes at address 0 failed.|");
-        }
+    // The failing transfer, and what those before it have stored.
+    for (const auto& [number, kept] : {std::pair(1U, 0U), {2U, 4092U}, {3U, 8186U}}) {
+        chip.setImage({});
+        chip.failTransfer(number);
+        EXPECT_EQ(access.write(10, data.data(), 8190), -1);
+        EXPECT_TRUE(bytes(2, kept) == Bytes(kept, 1) && bytes(2 + kept, 1) == Bytes{0});
+        chip.failTransfer(number);
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(paged.write(0, data.data(), 8192), -1);
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, 10ms * number);
+        EXPECT_EQ(chip.transferCount(), 2 * number);
+        chip.clearRecord();
+        EXPECT_EQ(takeDiagnostics(), "Writing of 8190 bytes at address 2 failed.|"
+                                     "Writing of 8192 bytes at address 0 failed.|");
     }
 }
 

@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "logger/sequenceNumber.h"
 #include "main/client.h"
 #include "support/daemon.h"
 

@@ -95,18 +95,10 @@ struct Layout {
 
 class DeliveryTest : public LogTest {
 protected:
-    void add(std::uint32_t id, const std::string& message, bool flush = false) {
+    void add(std::uint32_t id, const std::string& message) {
         const LogLock held(logger);
         logger.addToCache(id, 6, 0, message);
-        recent.emplace_back(id, message);
         whole += logger.formatLine(id, 6, 0, message) + '\n';
-        if (!flush)
-            return;
-        for (const auto& [number, text] : recent)
-            logger.sink(number, 6, 0, text);
-        logger.clearCache();
-        recent.clear();
-        flushed = whole.size();
     }
     void clear() {
         const LogLock held(logger);
@@ -147,9 +139,7 @@ protected:
         return sockets.receive();
     }
 
-    std::vector<std::pair<std::uint32_t, std::string>> recent;
-    std::string whole;       // every line added
-    std::size_t flushed = 0; // of it
+    std::string whole; // every line added
     Sockets sockets;
     char buffer[64]; // a file takes several reads
     qwk::SendState state{};
@@ -251,9 +241,11 @@ TEST_F(DeliveryTest, recentEntriesAreSeparatedByOneNewline) {
         {{"one", "two"}, head + "one\n" + head + "two\0"s},
         {{"one\n", "two\n\n", ""}, head + "one\n" + head + "two\n\n" + head + "\0"s}};
     setenv("TZ", "UTC0", 1);
+    bool isFilled = false;
     for (const auto& [messages, text] : cases) {
         clear();
-        EXPECT_EQ(logger.isCacheFilled(), !recent.empty()); // once and for all
+        EXPECT_EQ(logger.isCacheFilled(), isFilled); // once and for all
+        isFilled = !messages.empty();
         for (const std::string& message : messages)
             add(1, message);
         EXPECT_EQ(deliver(4096), text);
@@ -273,28 +265,6 @@ TEST_F(DeliveryTest, filesBeyond2GiBAreSent) {
     EXPECT_EQ(resume(2, 20), lines.substr(70));
     add(3, "next");
     EXPECT_EQ(resume(2, 25 + 20), whole.substr(20, whole.size() - 21) + '\0');
-}
-
-TEST_F(DeliveryTest, everyListenerGetsEveryLineOnceThroughFlushesAndRolls) {
-    Random random;
-    add(0, "first");
-    Stream eager(logger, INT_MAX, true);
-    Stream slow(logger, INT_MAX, true, smallRoom), late(logger, INT_MAX, true, smallRoom);
-    for (std::uint32_t id = 1; id < 1500; ++id) {
-        std::string message(random.upTo(3000), 'x');
-        if (random.oneIn(8))
-            message += '\n' + std::string(130 + random.upTo(500), '-');
-        // Where a batch rolls the file, neither may its last line do so, nor may a listener have
-        // that line already: it would stand at the end of all files, which counts as lost.
-        const std::uintmax_t size = std::filesystem::file_size(logFile()) + whole.size() - flushed;
-        add(id, message, (size < 520000 || size > 524288) && random.oneIn(10));
-        if (random.oneIn(10))
-            ASSERT_TRUE(eager.receives(whole));
-        slow.received += slow.receive(random.upTo(2000));
-    }
-    EXPECT_TRUE(std::filesystem::exists(logFile(3)));
-    for (Stream* stream : {&eager, &slow, &late})
-        EXPECT_TRUE(stream->receives(whole)) << stream->received.size();
 }
 
 TEST_F(DeliveryTest, theBacklogEndsWithMaxsizeOrItsClient) {

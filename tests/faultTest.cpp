@@ -10,18 +10,12 @@ using qwk::MessageLimiter;
 
 namespace {
 
-class FaultTest : public testing::Test {
+class FaultTest : public System {
 protected:
-    void log(const std::string& text) {
-        journald.log(3, "test", text);
-        journald.sync();
-    }
-    static bool arrives(const std::string& text) {
-        return eventually(
-            30s,
-            [&] {
-                return client({"-g", "4000000"}).find(text) != std::string::npos;
-            });
+    // As on a board, where the capture is not.
+    void letTheJournalTakeComplaints() {
+        std::filesystem::remove("/dev/log");
+        std::filesystem::create_symlink("/run/systemd/journal/dev-log", "/dev/log");
     }
     // The daemon's own entries in the journal.
     static std::size_t complaints() {
@@ -29,19 +23,6 @@ protected:
             run("/bin/journalctl", {"-q", "-t", "quillwick", "-o", "cat"}).output;
         return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
     }
-
-    // What an earlier test of the same program left is not there.
-    struct EmptyFolders {
-        EmptyFolders() {
-            for (const char* folder : {"/run/log/journal", "/var/logperm"}) {
-                std::filesystem::remove_all(folder);
-                std::filesystem::create_directories(folder);
-            }
-        }
-    } empty;
-    Journald journald;
-    framEmulator::FramChip chip;
-    framEmulator::DeviceOptions options;
 };
 
 // The service manager, as far as the daemon knows it.
@@ -74,8 +55,6 @@ private:
 } // namespace
 
 TEST_F(FaultTest, theServiceManagerLearnsEachState) {
-    const SyslogCapture syslog;
-    const framEmulator::FramDevice device("/dev/i2c-2", chip);
     std::filesystem::rename("/run/log/journal", "/run/log/hidden");
     Manager manager;
     Daemon daemon;
@@ -85,21 +64,21 @@ TEST_F(FaultTest, theServiceManagerLearnsEachState) {
     std::filesystem::rename("/run/log/hidden", "/run/log/journal");
     EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
     chip.refuseOpens();
-    log("waits");
+    log({"waits"});
     EXPECT_EQ(manager.next(), "STATUS=Waiting for /dev/i2c-2 since T.");
     chip.refuseOpens(0);
     EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
     chip.failFrom(1);
     for (int i = 0; i < 5; ++i)
-        log("in memory");
+        log({"in memory"});
     for (const char* count : {"1", "2", "4"})
         EXPECT_EQ(manager.next(),
                   "STATUS=The chip has not answered since T. Entries in memory only: " +
                       std::string(count) + '.');
-    log("the last of these");
+    log({"the last of these"});
     ASSERT_TRUE(arrives("the last of these"));
     chip.clearFaults();
-    log("stored");
+    log({"stored"});
     EXPECT_EQ(manager.next(), "STATUS=Storing entries.");
     ChildProcess second(buildPath("quillwick"), {});
     EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Another daemon runs already.");
@@ -109,17 +88,17 @@ TEST_F(FaultTest, theServiceManagerLearnsEachState) {
 }
 
 TEST_F(FaultTest, aDeadChipIsSoonQuietAndUsedAgainWhenItAnswers) {
-    const framEmulator::FramDevice device("/dev/i2c-2", chip);
+    letTheJournalTakeComplaints();
     Daemon daemon;
     chip.failFrom(1);
-    log("begins");
+    log({"begins"});
     // Three complaints for each entry, which are entries themselves.
     ASSERT_TRUE(eventually(60s, [] { return complaints() >= 3 * 256; }));
-    log("in memory");
+    log({"in memory"});
     EXPECT_TRUE(arrives("in memory"));
     EXPECT_LT(complaints(), 1000U);
     chip.clearFaults();
-    log("stored");
+    log({"stored"});
     EXPECT_TRUE(arrives("stored"));
     client({"-f"});
     EXPECT_NE(readFile(qwk::logFilePath).find("stored"), std::string::npos);
@@ -127,14 +106,15 @@ TEST_F(FaultTest, aDeadChipIsSoonQuietAndUsedAgainWhenItAnswers) {
 }
 
 TEST_F(FaultTest, aBusThatTimesOutKeepsNeitherClientsNorSignalsWaiting) {
-    const SyslogCapture syslog;
+    framEmulator::DeviceOptions options;
     options.onTransfer = [](const framEmulator::Transfer&) { std::this_thread::sleep_for(300ms); };
-    const framEmulator::FramDevice device("/dev/i2c-2", chip, options);
+    device.reset();
+    device = std::make_unique<framEmulator::FramDevice>(qwk::eepromDevicePath, chip, options);
     chip.failFrom(1);
     constexpr std::uint64_t entries = 300; // each keeps the chip for at least three transfers
     for (std::uint64_t i = 0; i < entries; ++i)
         journald.log(3, "test", "waits");
-    log("the last one");
+    log({"the last one"});
     Daemon daemon;
     ASSERT_TRUE(arrives("waits"));
     for (const char* option : {"-f", "-p", "--clear"})
@@ -156,23 +136,21 @@ TEST(MessageLimiterTest, letsABurstThroughThenOneInTenSecondsAndRegainsItsAllowa
         }
         return std::pair(written, heldBack);
     };
-    using Counts = std::pair<std::uint32_t, std::uint32_t>;
     const std::string sameText = "one %d";
-    EXPECT_EQ(letThrough("one %d", 200), Counts(200, 0));
-    EXPECT_EQ(letThrough(sameText.c_str(), 100), Counts(56, 0));
-    EXPECT_EQ(letThrough("other", 256), Counts(256, 0));
-    now += 9999ms;
-    EXPECT_EQ(letThrough("one %d", 1), Counts(0, 0));
-    now += 1ms;
-    EXPECT_EQ(letThrough("one %d", 10), Counts(1, 45));
-    now += 25s;
-    EXPECT_EQ(letThrough("one %d", 10), Counts(2, 9));
-    now += 5s; // the half period is not lost
-    EXPECT_EQ(letThrough("one %d", 1), Counts(1, 8));
-    now += 20min;
-    EXPECT_EQ(letThrough("one %d", 200), Counts(120, 0));
-    now += 24h;
-    EXPECT_EQ(letThrough("one %d", 300), Counts(256, 80));
+    const struct {
+        std::chrono::milliseconds pause;
+        const char* format;
+        int count;
+        std::uint32_t written, heldBack;
+    } steps[] = {{0ms, "one %d", 200, 200, 0},   {0ms, sameText.c_str(), 100, 56, 0},
+                 {0ms, "other", 256, 256, 0},    {9999ms, "one %d", 1, 0, 0},
+                 {1ms, "one %d", 10, 1, 45},     {25s, "one %d", 10, 2, 9},
+                 {5s, "one %d", 1, 1, 8}, // the half period is not lost
+                 {20min, "one %d", 200, 120, 0}, {24h, "one %d", 300, 256, 80}};
+    for (const auto& [pause, format, count, written, heldBack] : steps) {
+        now += pause;
+        EXPECT_EQ(letThrough(format, count), std::pair(written, heldBack)) << count;
+    }
     // More kinds than there is room for share one allowance.
     std::vector<std::string> kinds(100);
     std::uint32_t written = 0;

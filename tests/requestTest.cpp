@@ -30,11 +30,9 @@ TEST(RequestTest, wordsBecomeActionsOrAParseError) {
         {"quillwick -g", true, Action::none, -1},
         {"quillwick -g ", true, Action::none, -1},
         {"quillwick -g 1000 ", true, Action::none, 1000},
-        {"quillwick -g 1000 -l", true, Action::none, 1000},
         {"quillwick -g 10x", true, Action::none, 10},
         {"quillwick -g1000", true, Action::none, -1},
         {"quillwick -x", true, Action::none, -1},
-        {"quillwick -c", true, Action::none, -1},
         {"quillwick --clear --clear", true, Action::none, -1},
         {"quillwick -x -g 10", true, Action::none, 10},
         {"quillwick\t-f", false, Action::none, -1}, // only blanks part words

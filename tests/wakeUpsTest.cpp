@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <future>
 #include <poll.h>
-#include <sstream>
 #include <sys/ioctl.h>
 #include <thread>
 

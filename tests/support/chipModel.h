@@ -16,16 +16,14 @@ using framEmulator::TransferKind;
 /// failed.
 class ChipModel {
 public:
-    // An operation was carried out: its transfers, whether a reset broke the last one that the chip
-    // took part in, and the chip's bytes after it.
+    // An operation was carried out: its transfers, whether a reset ended them, and the chip's bytes
+    // after it.
     void follow(std::vector<Transfer> transfers, bool wasReset, const framEmulator::Image& after) {
         transfers_ = std::move(transfers);
         before_ = image;
         actual_ = after;
         done_ = 0;
-        broken_ = 0;
-        for (std::size_t i = 0; wasReset && i < transfers_.size(); ++i)
-            broken_ = transfers_[i].transferred > 0 ? i + 1 : broken_;
+        wasReset_ = wasReset;
         loss_ = nullptr;
     }
     // To be asked when the operation was modelled.
@@ -161,9 +159,10 @@ private:
     }
     // A write was broken off before `address`, perhaps by a reset. False, as the result of it.
     bool spoil(std::uint32_t address) {
-        if (done_ == broken_ && done_ > 0 && transfers_[done_ - 1].transferred >= 2) {
+        std::uint8_t& byte = image[address % chipSize];
+        if (wasReset_ && actual_[address % chipSize] == 0xff && byte != 0xff) {
             lose(recovery);
-            image[address % chipSize] = 0xff;
+            byte = 0xff;
         }
         return false;
     }
@@ -221,7 +220,7 @@ private:
 
     std::vector<Transfer> transfers_;
     std::size_t done_ = 0;
-    std::size_t broken_ = 0; // by a reset: this one, from 1
+    bool wasReset_ = false;
     framEmulator::Image before_{}, actual_{};
     const char* loss_ = nullptr;
     bool faultless_ = false;

@@ -4,18 +4,14 @@
 
 #include "support/directChip.h"
 
-#include <cstdarg>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "support/diagnostics.h"
 
-namespace testSupport {
 namespace {
 
-constexpr int chipDescriptor = 1 << 20; // of no open file
-std::string devicePath;
 framEmulator::FramChip* connected = nullptr;
+int chipDescriptor = -1; // of an empty file, for whose bytes the chip's are taken
 
 ssize_t resultOf(const framEmulator::Transfer& transfer) {
     if (transfer.result >= 0)
@@ -26,53 +22,37 @@ ssize_t resultOf(const framEmulator::Transfer& transfer) {
 
 } // namespace
 
-DirectDevice::DirectDevice(const std::string& path, framEmulator::FramChip& chip) {
-    devicePath = path;
+testSupport::DirectDevice::DirectDevice(const std::string& path, framEmulator::FramChip& chip) {
+    writeFile(path, "");
     connected = &chip;
 }
-
-DirectDevice::~DirectDevice() {
-    devicePath.clear();
-}
-
-} // namespace testSupport
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
 extern "C" {
 
-int __real_open64(const char* path, int flags, ...);
 int __real_close(int descriptor);
 ssize_t __real_read(int descriptor, void* data, std::size_t length);
 ssize_t __real_write(int descriptor, const void* data, std::size_t length);
 
-int __wrap_open64(const char* path, int flags, ...) {
-    if (path == testSupport::devicePath)
-        return testSupport::chipDescriptor;
-    va_list arguments;
-    va_start(arguments, flags);
-    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
-    va_end(arguments);
-    return __real_open64(path, flags, mode);
-}
-
-int __wrap_close(int descriptor) {
-    return descriptor == testSupport::chipDescriptor ? 0 : __real_close(descriptor);
-}
-
-// Selects the slave: the only use of it here.
-int __wrap_ioctl(int, unsigned long, ...) {
+// Selects the slave, after each open: the only use of it here.
+int __wrap_ioctl(int descriptor, unsigned long, ...) {
+    chipDescriptor = descriptor;
     return 0;
 }
 
+int __wrap_close(int descriptor) {
+    if (descriptor == chipDescriptor)
+        chipDescriptor = -1;
+    return __real_close(descriptor);
+}
+
 ssize_t __wrap_read(int descriptor, void* data, std::size_t length) {
-    using namespace testSupport;
     return descriptor == chipDescriptor
                ? resultOf(connected->read(static_cast<std::uint8_t*>(data), length))
                : __real_read(descriptor, data, length);
 }
 
 ssize_t __wrap_write(int descriptor, const void* data, std::size_t length) {
-    using namespace testSupport;
     return descriptor == chipDescriptor
                ? resultOf(connected->write(static_cast<const std::uint8_t*>(data), length))
                : __real_write(descriptor, data, length);

@@ -9,7 +9,6 @@
 
 #include "logger/logger.h"
 #include "support/paths.h"
-#include "support/random.h"
 #include "support/sandbox.h"
 
 namespace testSupport {

@@ -13,7 +13,7 @@ enum Ending : unsigned { newValue, oldValue, randomBits, warmReset, endings };
 /// A board that compares each operation with the model. An entry whose append has returned stays in
 /// the chip until its line is on stable storage, each number has one text, and there is no gap:
 /// until a fault that the model knows costs entries.
-class ModelledBoard : public DirectBoard {
+class ModelledBoard : public BoardOver<DirectDevice> {
 protected:
     /// What there is to know of a board that has power.
     struct Moment {

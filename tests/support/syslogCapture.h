@@ -67,11 +67,10 @@ private:
     static constexpr const char* path = "/dev/log";
 
     std::vector<SyslogMessage>::iterator find(std::string_view text) {
-        return std::find_if(
-            messages_.begin(), messages_.end(),
-            [&](const SyslogMessage& message) {
-                return message.text.find(text) != std::string::npos;
-            });
+        const auto contains = [&](const SyslogMessage& message) {
+            return message.text.find(text) != std::string::npos;
+        };
+        return std::find_if(messages_.begin(), messages_.end(), contains);
     }
     // A thread, because the kernel queues as few as ten datagrams and syslog() waits from then on.
     void receive() {
