@@ -23,11 +23,12 @@ public:
         before_ = image;
         actual_ = after;
         done_ = 0;
+        isOther_ = false;
         wasReset_ = wasReset;
         loss_ = nullptr;
     }
     // To be asked when the operation was modelled.
-    bool agrees() const { return done_ == transfers_.size() && image == actual_; }
+    bool agrees() const { return !isOther_ && done_ == transfers_.size() && image == actual_; }
 
     void load() {
         if (filled)
@@ -114,14 +115,18 @@ private:
     void lose(const char* reason) { loss_ = loss_ != nullptr ? loss_ : reason; }
     // The next transfer must be this one; whether it succeeded.
     bool transfer(TransferKind kind, std::uint32_t address, std::size_t length) {
+        taken_ = 0;
         if (faultless_)
             return true;
-        if (done_ == transfers_.size())
+        if (done_ == transfers_.size() || transfers_[done_].kind != kind ||
+            transfers_[done_].requested != length ||
+            transfers_[done_].address != address % chipSize) {
+            isOther_ = true;
             return false;
-        const Transfer& next = transfers_[done_];
-        if (next.kind != kind || next.requested != length || next.address != address % chipSize)
-            return false; // and stays there
-        ++done_;
+        }
+        const Transfer& next = transfers_[done_++];
+        taken_ = std::max<std::size_t>(next.transferred, 2) - 2;
+        isCut_ = next.result < 0;
         return next.result == static_cast<int>(length);
     }
     bool read(std::uint32_t address, std::uint32_t length, std::uint8_t* out) {
@@ -141,21 +146,14 @@ private:
             const std::uint32_t start = address + done;
             chunk = std::min(length - done, 4094 - start % 4094);
             const bool succeeded = transfer(TransferKind::write, start, chunk + 2);
-            const std::size_t taken = lastTaken();
-            std::copy_n(data + done, taken, image.begin() + start);
+            std::copy_n(data + done, taken_, image.begin() + start);
             if (!succeeded) {
-                if (taken > 0) // a torn byte
-                    image[start + taken - 1] = actual_[start + taken - 1];
-                return spoil(start + static_cast<std::uint32_t>(taken));
+                if (isCut_ && taken_ > 0) // a torn byte, the last one that changes
+                    image[start + taken_ - 1] = actual_[start + taken_ - 1];
+                return spoil(start + static_cast<std::uint32_t>(taken_));
             }
         }
         return true;
-    }
-    // Data bytes of the last transfer, a write, that the chip has stored.
-    std::size_t lastTaken() const {
-        if (faultless_ || done_ == 0)
-            return 0;
-        return std::max<std::size_t>(transfers_[done_ - 1].transferred, 2) - 2;
     }
     // A write was broken off before `address`, perhaps by a reset. False, as the result of it.
     bool spoil(std::uint32_t address) {
@@ -220,6 +218,9 @@ private:
 
     std::vector<Transfer> transfers_;
     std::size_t done_ = 0;
+    std::size_t taken_ = 0; // data bytes of the last one, a write, that the chip has stored
+    bool isCut_ = false;    // by the end of the power
+    bool isOther_ = false;  // one was another than it must be, or missing
     bool wasReset_ = false;
     framEmulator::Image before_{}, actual_{};
     const char* loss_ = nullptr;
