@@ -13,8 +13,7 @@ namespace {
 
 class DecodeTest : public testing::Test {
 protected:
-    // A chip that was filled with as many entries and flushed, and has as many entries now, or
-    // those since it was full.
+    // A chip with so many entries that were flushed and so many in the cache, if they fit.
     void fill(std::uint32_t flushed, std::uint32_t cached) {
         image = {};
         header = {entryAreaStart, 0, 0xFFFFFFF0};

@@ -287,8 +287,10 @@ TEST_F(DeliveryTest, theBacklogEndsWithMaxsizeOrItsClient) {
 
 TEST_F(DeliveryTest, listenersGoOnWithTheNewestBytesUntilTheyHangUpOrAreTold) {
     Stream few(logger, 100, true), all(logger, 1000, true), gone(logger, 1000, true);
+    Stream slow(logger, 1000, true, smallRoom);
     add(7, "first");
-    ASSERT_TRUE(few.receives(whole) && all.receives(whole) && gone.receives(whole));
+    for (Stream* stream : {&few, &all, &gone, &slow})
+        ASSERT_TRUE(stream->receives(whole));
     gone.client = Descriptor();
     const std::string first = whole;
     clear();
@@ -299,7 +301,9 @@ TEST_F(DeliveryTest, listenersGoOnWithTheNewestBytesUntilTheyHangUpOrAreTold) {
     add(9, "next");
     add(0x10000, "last");
     EXPECT_TRUE(few.receives(first + whole.substr(tooLong)));
-    EXPECT_TRUE(all.receives(first + whole));
+    EXPECT_TRUE(all.receives(first + whole) && slow.receives(first + whole));
+    add(0x10001, std::string(60000, 'x')); // more than the small room, and no entry after it
+    EXPECT_TRUE(slow.receives(first + whole));
     Stream none(logger, 0, true);
     EXPECT_TRUE(none.takesUntil([&] {
         clear();

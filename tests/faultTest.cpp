@@ -12,7 +12,6 @@ namespace {
 
 class FaultTest : public System {
 protected:
-    // As on a board, where the capture is not.
     void letTheJournalTakeComplaints() {
         std::filesystem::remove("/dev/log");
         std::filesystem::create_symlink("/run/systemd/journal/dev-log", "/dev/log");

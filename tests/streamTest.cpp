@@ -45,7 +45,6 @@ protected:
             journald.log(3, "test", std::string(180, '0') + ' ' + std::to_string(sent++));
         journald.sync();
     }
-    // Once round.
     void receive() {
         for (std::size_t i = 0; i < fast; ++i)
             listeners[i].receive(65536);
