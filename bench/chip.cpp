@@ -126,9 +126,8 @@ void measureChip() {
     comparison.run();
 
     section("The FRAM cache",
-            "Processor time of the calling thread, against a stand-in chip whose device file is "
-            "served by another\nthread, beside the time that the chip's recorded transfers take "
-            "on a bus. A line is composed in " +
+            "Processor time of the calling thread, compared with the time that the same transfers "
+            "take on a bus.\nAnother thread serves the stand-in chip. Composing a line takes " +
                 number(comparison.time("line") * 1000) + " ns.",
             {"", "transfers", "bytes on the wire", "processor time (user + system)",
              "share of 100 kHz", "400 kHz", "1 MHz", "target at 400 kHz"});

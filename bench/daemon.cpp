@@ -127,7 +127,7 @@ void measureEntries() {
     addResidentSize("after 12,000 entries", daemon);
     daemon.end();
     const ProcessorTime spent = processorTime(RUSAGE_CHILDREN) - before;
-    row({"processor time an entry",
+    row({"processor time per entry",
          number(spent.total() / entryCount, 1) + " us: user " + number(spent.user / entryCount, 1) +
              ", system " + number(spent.system / entryCount, 1),
          ""});

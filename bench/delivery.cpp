@@ -111,11 +111,11 @@ Comparison::Body inTurns(qwk::Logger& logger, int total) {
 
 void measureFirstDelivery(qwk::Logger& logger) {
     section("First delivery",
-            "`-g` of as many bytes as the log files hold, to a reader that takes 64 KiB at a time, "
-            "in turn with a plain\nloop that copies the same files in pieces of 64 KiB. The "
-            "processor time is that of both ends.",
-            {"", "plain loop", "delivery", "rate beside the loop's", "target",
-             "processor time beside the loop's"});
+            "`-g` asks for all bytes of the log files, and the reader takes 64 KiB at a time. A "
+            "plain loop copies\nthe same files in pieces of 64 KiB, in turn. The processor time "
+            "is that of both ends.",
+            {"", "plain loop", "delivery", "ratio of the rates", "target",
+             "ratio of the processor times"});
     for (const int mebibytes : {1, 64}) {
         const int total = mebibytes << 20;
         writeLogFiles(total);
@@ -174,7 +174,7 @@ struct Listener {
 void measureListeners(qwk::Logger& logger, EntrySource& source) {
     section("One entry to live listeners",
             "From the recent-entry buffer to the last listener's socket.",
-            {"listeners", "time", "time a listener", "beside one listener"});
+            {"listeners", "time", "time per listener", "compared with one"});
     source.add();
     double one = 0;
     for (const int count : {1, 10, 100}) {

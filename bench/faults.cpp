@@ -88,10 +88,10 @@ void breakChip(const std::string& state,
 void measureFaults() {
     section(
         "A broken chip",
-        "Beside a real journald without a rate limit. The fault begins with an entry; 60 s later "
-        "one more comes, and\nthe daemon is watched for 30 s. Then the chip answers again.",
-        {"", "own journal lines in the first 60 s", "then a second (target: at most 1)",
-         "processor (target: at most 0.5 %)", "the entry is seen by `-g` at once",
+        "With a real journald without a rate limit. The fault begins with an entry. One more entry "
+        "comes 60 s\nlater, and the next 30 s are measured. Then the chip answers again.",
+        {"", "own journal lines in the first 60 s", "then per second (target: at most 1)",
+         "processor (target: at most 0.5 %)", "`-g` shows the entry at once",
          "the next entry is stored"});
     breakChip(
         "every transfer fails", [](framEmulator::FramChip& chip) { chip.failFrom(1); });

@@ -61,13 +61,13 @@ void measureJournal() {
     journald.sync();
 
     Comparison comparison;
-    constexpr int passes = 8; // a single one is too short to be measured
+    constexpr int passes = 8; // a single one is too short to measure
     comparison.add("plain loop, priority", passes, once([] { readPlainly({"PRIORITY"}); }));
     comparison.add("plain loop, fields", 1, once([] {
                        readPlainly({"PRIORITY", "_KERNEL_DEVICE", "SYSLOG_IDENTIFIER", "SYSLOG_PID",
                                     "_HOSTNAME", "MESSAGE"});
                    }));
-    comparison.add("passed over", passes, once([] { readWith(entryPriority - 1, 0); }));
+    comparison.add("skipped", passes, once([] { readWith(entryPriority - 1, 0); }));
     comparison.add("delivered", 1, once([] { readWith(entryPriority, 1); }));
     comparison.add("journalctl -o short", 1, once([] {
                        testSupport::run("/bin/sh", {"-c", "journalctl -o short >/dev/null"});
@@ -76,15 +76,15 @@ void measureJournal() {
 
     section("Reading the journal",
             "The same 100,000 entries of a real journald each time, in processor time.",
-            {"", "entries/s", "beside", "time beside it", "target"});
-    const auto add = [&](const char* name, const char* beside, double limit) {
+            {"", "entries/s", "compared with", "ratio of the times", "target"});
+    const auto add = [&](const char* name, const char* other, double limit) {
         const double spent = comparison.counter(name, "cpu");
-        const double other = comparison.counter(beside, "cpu");
+        const double timeOfOther = comparison.counter(other, "cpu");
         row({name, number(entryCount * 1e6 / spent),
-             std::string(beside) + ": " + number(entryCount * 1e6 / other),
-             number(spent / other, 2), limit > 0 ? atMost(spent / other, limit) : ""});
+             std::string(other) + ": " + number(entryCount * 1e6 / timeOfOther),
+             number(spent / timeOfOther, 2), limit > 0 ? atMost(spent / timeOfOther, limit) : ""});
     };
-    add("passed over", "plain loop, priority", 1.1);
+    add("skipped", "plain loop, priority", 1.1);
     add("delivered", "plain loop, fields", 0);
     add("delivered", "journalctl -o short", 1);
 }

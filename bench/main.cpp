@@ -31,10 +31,9 @@ void printHead() {
     uname(&system);
     std::cout
         << "# Performance\n\n"
-           "Written by `scripts/bench`, which measures everything anew on the machine that it "
-           "runs on.\nTimes depend on the machine; what stands side by side was measured in "
-           "one run, in turn or in random\norder, mostly as medians over nine repetitions. Log "
-           "files and journal lie in memory (tmpfs).\n\n"
+           "`scripts/bench` writes this document. The times depend on the machine. Figures of "
+           "one row come from\none run, in turn or in random order. Most of them are medians of "
+           "nine repetitions. The log files and\nthe journal are in memory (tmpfs).\n\n"
            "Machine: "
         << std::thread::hardware_concurrency() << " x " << processorModel() << ", "
         << system.machine << ", Linux " << system.release << ", g++ " << __VERSION__

@@ -45,7 +45,11 @@ Journal::Journal(int maxPriority, std::vector<FileDescriptor> wakeUps)
 }
 
 int Journal::readEntry(std::int32_t& priority, std::uint64_t& timestamp, std::string& text) {
-    if (!journal_ || advance() != 0)
+    if (!journal_)
+        return -1;
+    const int result = advance();
+    wakeUps_.beginWork(); // the caller stores the entry, or sleeps after a failure
+    if (result != 0)
         return -1;
     std::int32_t entryPriority = 0;
     const int wanted = readPriority(entryPriority);

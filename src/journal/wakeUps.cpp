@@ -83,12 +83,6 @@ void reportDropped(const FileDescriptor& source, const std::string& reason) {
     report(LOG_WARNING, "Dropped wake-up descriptor %d: %s", source.get(), reason.c_str());
 }
 
-void setTimer(const FileDescriptor& timer, std::chrono::nanoseconds time) {
-    itimerspec once{};
-    once.it_value.tv_nsec = static_cast<decltype(once.it_value.tv_nsec)>(time.count());
-    static_cast<void>(timerfd_settime(timer.get(), 0, &once, nullptr)); // cannot fail
-}
-
 } // namespace
 
 std::vector<FileDescriptor> takeHandedOverDescriptors() {
@@ -195,11 +189,12 @@ bool WakeUps::beginWait() {
     {
         const Held<Mutex> held(mutex_);
         mainWaits_ = true;
-        if (threadReads_)
-            return false;
+        reads_ = !threadReads_;
     }
-    setTimer(relief_, never);
-    return true;
+    if (reads_ && isReliefComing_)
+        setRelief(never);
+    isReliefComing_ = false;
+    return reads_;
 }
 
 void WakeUps::endWait(bool isFlood) {
@@ -208,11 +203,25 @@ void WakeUps::endWait(bool isFlood) {
     {
         const Held<Mutex> held(mutex_);
         mainWaits_ = false;
-        if (threadReads_)
-            return;
-        threadReads_ = isFlood;
+        threadReads_ = threadReads_ || isFlood;
+        reads_ = !threadReads_;
     }
-    setTimer(relief_, isFlood ? atOnce : longBusy);
+    if (isFlood)
+        setRelief(atOnce);
+}
+
+void WakeUps::beginWork() {
+    // The timer costs as much as a short wait: it is set only now, and once for all entries up to
+    // the next wait.
+    if (reads_ && !isReliefComing_)
+        setRelief(longBusy);
+}
+
+void WakeUps::setRelief(std::chrono::nanoseconds time) {
+    itimerspec once{};
+    once.it_value.tv_nsec = static_cast<decltype(once.it_value.tv_nsec)>(time.count());
+    static_cast<void>(timerfd_settime(relief_.get(), 0, &once, nullptr)); // cannot fail
+    isReliefComing_ = true;
 }
 
 std::uint64_t WakeUps::takeHints(std::size_t count, bool& isFlood) {

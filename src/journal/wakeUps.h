@@ -44,6 +44,8 @@ public:
     bool wait(int journal, int stop);
     /// To be called for each entry that is read from the journal.
     void entryCame();
+    /// To be called before the main thread does something that may take long.
+    void beginWork();
 
 private:
     struct Source {
@@ -75,6 +77,7 @@ private:
     /// True when the main thread is to read the sources in this wait.
     bool beginWait();
     void endWait(bool isFlood);
+    void setRelief(std::chrono::nanoseconds time);
     /// In milliseconds; -1 for none.
     int timeout() const;
     /// The hints that poll() has found, when it polled `count` elements of waited_.
@@ -105,7 +108,7 @@ private:
 
     FileDescriptor stop_;   // becomes readable when the thread is to end
     FileDescriptor hints_;  // counts the hints that the thread has read and main has not taken
-    FileDescriptor relief_; // a timer: runs while the main thread is busy
+    FileDescriptor relief_; // a timer: runs while the main thread works
     std::thread thread_;
 
     /// A leaf lock.
@@ -122,6 +125,8 @@ private:
     std::vector<pollfd> polled_;
 
     // The main thread's.
+    bool reads_ = false;          // unless the thread has taken over since the last wait
+    bool isReliefComing_ = false; // relief_ runs, or has expired
     /// What it polls: the journal, the stop, hints_, then the sources in their order.
     std::vector<pollfd> waited_;
     std::uint64_t awaited_ = 0;              // entries that were announced and have not come
