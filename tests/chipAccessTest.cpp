@@ -1,4 +1,4 @@
-// Byte access to a memory chip: which transfers reach it, and what becomes of those that fail.
+// Byte access to a memory chip: the transfers that reach it, and the results of those that fail.
 
 #include <numeric>
 #include <tuple>
@@ -62,7 +62,7 @@ TEST_F(ChipAccessTest, rangesBecomeTransfersOfAtMost4096Bytes) {
 TEST_F(ChipAccessTest, theFirstFailedTransferEndsTheOperation) {
     const Bytes data(8192, 1);
     Chip access(8200, 0, 65536 - 8), paged(8192, 2048);
-    // The failing transfer, and what those before it have stored.
+    // The failing transfer, and the bytes that the ones before it have stored.
     for (const auto& [number, kept] : {std::pair(1U, 0U), {2U, 4092U}, {3U, 8186U}}) {
         chip.setImage({});
         chip.failTransfer(number);
@@ -111,7 +111,7 @@ TEST_F(ChipAccessTest, unreachableChipsFailEveryOperation) {
          "Error opening I2C Device: /dev/none|Cannot access address 80 at /dev/none|"},
         {qwk::eepromDevicePath, 300, true, "Cannot access address 300 at /dev/i2c-2|"},
         {qwk::eepromDevicePath, 81, true, ""}};
-    takeDiagnostics(); // opens the socket to say it
+    takeDiagnostics(); // opens the socket of the diagnostics
     const int first = Chip().fd;
     for (const auto& [name, slaveAddress, opens, diagnostics] : cases) {
         Chip access(8192, 0, 0, name, slaveAddress);

@@ -1,5 +1,5 @@
-// The executable from outside: its modes, the way of an entry through a real journal and an
-// emulated chip to the log file, restarts and what is missing.
+// The executable from outside: its modes, the path of an entry through a real journal and an
+// emulated chip to the log file, restarts and missing parts of the board.
 
 #include <algorithm>
 #include <fcntl.h>
@@ -62,7 +62,7 @@ protected:
         EXPECT_EQ(tracer.wait(30s), 0);
         return readFile("/tmp/trace");
     }
-    // A daemon is started behind it. The leak check needs the tracer's place.
+    // A daemon's command comes after it. The leak check itself would need to trace the daemon.
     static std::string tracing(const std::string& options) {
         return "ASAN_OPTIONS=detect_leaks=0 exec strace -f -y -o /tmp/trace -e trace=" + options;
     }
@@ -224,7 +224,7 @@ TEST_F(DaemonTest, linesAreOnStableStorageBeforeTheChipLetsThemGo) {
 TEST_F(DaemonTest, runsOnlyOnce) {
     Daemon daemon;
     EXPECT_EQ(client({}), "Server already running.\n");
-    // Neither a client nor a program of a longer name is a daemon; stopped, they stay.
+    // Neither a client nor a program with a longer name is a daemon. Stopped, both stay.
     ASSERT_EQ(symlink("/usr/bin/yes", "/tmp/quillwick2"), 0);
     ChildProcess listener(quillwick, {"-l", "-g", "0"});
     ChildProcess other("/tmp/quillwick2", {});
@@ -245,7 +245,7 @@ TEST_F(DaemonTest, nothingElseGetsTheNumbersOfClosedStandardDescriptors) {
 
 TEST_F(DaemonTest, aMissingChipIsWaitedForAndItsEntryKept) {
     Daemon daemon;
-    // Of two times that it is missing the first is reported, after 10 s.
+    // The chip is missing twice. Only the first time is reported, after 10 s.
     for (const int expected : {1, 0}) {
         device.reset();
         log({"kept"});

@@ -1,4 +1,4 @@
-// quillwick-decode beside the daemon whose chip it reads.
+// quillwick-decode next to the daemon whose chip it reads.
 
 #include "support/daemon.h"
 

@@ -1,5 +1,5 @@
-// What is read from the image of a chip: with each bit wrong, and in each form of a file. Images of
-// operations that were cut off are among those of durabilityTest.
+// Reading the image of a chip, with each bit wrong and in each form of a file. durabilityTest
+// covers images of operations that were cut off.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -61,7 +61,7 @@ TEST_F(DecodeTest, aWrongBitCostsNoEntryButTheOneThatHasIt) {
                 const auto& [at, certainty, id, entry] = all.entries[i];
                 ASSERT_TRUE(found[i].address == at && found[i].id == id);
                 ASSERT_EQ(found[i].certainty, Certainty::certain);
-                // Nothing else tells what the time and the message were.
+                // Nothing else tells the time and the message.
                 const bool isLost = bit / 8 >= at + timeAt && bit / 8 < at + klvLength(&old[at]);
                 ASSERT_TRUE(isLost || found[i].entry.message == entry.message);
             }
@@ -70,7 +70,7 @@ TEST_F(DecodeTest, aWrongBitCostsNoEntryButTheOneThatHasIt) {
 }
 
 TEST_F(DecodeTest, damagedHeadersTellWhatTheyStillCan) {
-    // The bytes that are wrong, and how certain the numbers then are.
+    // The wrong bytes, and how certain the numbers then are.
     const std::pair<std::vector<std::uint32_t>, Certainty> cases[] = {
         {{16, 19}, Certainty::certain}, {{1, 23, 34}, Certainty::certain},
         {{16, 34}, Certainty::about},   {{12, 34}, Certainty::unknown},

@@ -1,4 +1,4 @@
-// What a client of the log receives, and from where on it goes on when it could take no more.
+// The bytes that a client of the log receives, and where it goes on after it could take no more.
 
 #include <algorithm>
 #include <climits>
@@ -37,7 +37,7 @@ struct Sockets {
         server = Descriptor(ends[1]);
         EXPECT_EQ(setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
     }
-    // What is there already, up to `most` bytes.
+    // The bytes that have arrived, up to `most`.
     std::string receive(std::size_t most = SIZE_MAX) {
         std::string text;
         char piece[65536];
@@ -50,7 +50,7 @@ struct Sockets {
     Descriptor client, server;
 };
 
-// A client's stream on a thread of its own. When it goes, all streams of the logger end.
+// A client's stream on a thread of its own. Its destructor ends all streams of the logger.
 struct Stream : Sockets {
     Stream(qwk::Logger& source, int maxsize, bool listen, int room = largeRoom)
         : Sockets(room), logger(source),
@@ -85,7 +85,7 @@ struct Stream : Sockets {
     std::future<int> result;
 };
 
-// Where log text lies, and what clients get of it.
+// A place of the log text, and the answers that clients get from it.
 struct Layout {
     std::vector<int> lines;         // recent ones, then 25 bytes each in the files, newest first
     std::vector<std::size_t> sizes; // at which a request gives one line more
@@ -115,7 +115,7 @@ protected:
         int index = 0;
         for (auto lines = layout.lines.begin() + 1; lines != layout.lines.end(); ++lines, ++index)
             all.insert(0, writeLines(index, 0x100U >> index, *lines));
-        std::filesystem::remove(logFile(index)); // what lies beyond does not count
+        std::filesystem::remove(logFile(index)); // files after a missing one do not count
         writeLines(index + 1, 0x10, 2);
         return all;
     }
@@ -130,7 +130,8 @@ protected:
     int send(const std::string& text) {
         return logger.sendBuffer(state, text.data(), static_cast<int>(text.size()), wouldBlock);
     }
-    // What a client gets next that has so many bytes from line `id` on; by size 60 if that is gone.
+    // The next answer to a client that has so many bytes from line `id` on; if the log no longer
+    // has that line, the answer to a request for 60 bytes.
     std::string resume(std::uint32_t id, std::size_t had) {
         const LogLock held(logger);
         std::vector<qwk::LogFile> files{{0, 0, "/left/over"}};
@@ -148,8 +149,8 @@ protected:
 
 } // namespace
 
-// At which line a stream stands that was at such an offset, and how much it has of that line and
-// what follows, after calls that offered these bytes.
+// The line that a stream has reached from such an offset, and how many bytes it has of that line
+// and the following ones, after calls that offered these bytes.
 TEST_F(DeliveryTest, theResumePointIsKnownAcrossCallsAndWrappingOffsets) {
     const std::tuple<int, std::vector<std::string>, std::uint32_t, std::uint32_t> cases[] = {
         {0, {"[0000002a"}, 0, 9},

@@ -1,5 +1,5 @@
-// What survives: a power cut or a reset after every byte on the bus, a fault of every transfer, and
-// chips of any content. A model says after every operation what the chip and the log must hold.
+// A power cut or a reset after every byte on the bus, a fault of every transfer, and chips of any
+// content. After every operation a model gives the bytes that the chip and the log must hold.
 // QUILLWICK_MATRIX=full runs every case; otherwise large matrices are sampled.
 
 #include <cstdlib>
@@ -14,7 +14,8 @@ using namespace qwk::decode;
 
 namespace {
 
-// Every how manieth case of a large matrix is run. Primes, so that all positions take their turn.
+// A large matrix runs one case in so many. The strides are primes, so that every position gets its
+// turn.
 std::size_t stride(std::size_t sampled) {
     const char* matrix = std::getenv("QUILLWICK_MATRIX");
     return matrix != nullptr && std::string(matrix) == "full" ? 1 : sampled;
@@ -23,7 +24,7 @@ std::size_t stride(std::size_t sampled) {
 constexpr std::uint32_t entryLength = messageAt + 100;
 constexpr std::size_t fullChip = 70; // entries
 constexpr std::size_t notDamaged = SIZE_MAX;
-// Beside the endings of the power: at a transfer, not after a byte.
+// Faults after the endings of the power: they are at a transfer, not after a byte.
 enum Fault : unsigned { failsOnce = endings, isCutShort, failsForGood, faults };
 
 class DurabilityTest : public ModelledBoard {
@@ -50,7 +51,7 @@ protected:
             append();
         return now;
     }
-    // The daemon comes to the work, with its entries loaded unless that is the work.
+    // The state before the work: the entries are loaded, unless the load is the work.
     void restore(const Moment& moment, Work coming = Work::append) {
         ModelledBoard::restore(moment);
         if (coming == Work::load)
@@ -125,7 +126,7 @@ protected:
     static constexpr std::size_t firstText = 100000;
     bool isVaried = false;
     std::size_t points = 0;
-    // What the last point's first cut left was not met before; its second cut was reached.
+    // The last point's first cut left a new state; its second cut was reached.
     bool stateIsNew = false;
     bool cutReached = false;
     std::set<std::pair<framEmulator::Image, std::size_t>> states;
@@ -136,7 +137,7 @@ struct Scenario {
     std::size_t flushed, entries; // before
     Work work;
     std::size_t sampled = 1;          // every how manieth cut
-    std::size_t damaged = notDamaged; // the byte that is wrong
+    std::size_t damaged = notDamaged; // the wrong byte
     bool isVaried = false;            // the texts' length
 };
 void PrintTo(const Scenario& scenario, std::ostream* out) {

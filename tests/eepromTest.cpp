@@ -1,4 +1,4 @@
-// The FRAM cache on a chip: its bytes, and what each operation does in each state.
+// The FRAM cache on a chip: its bytes, and each operation in each state.
 
 #include <set>
 #include <thread>
@@ -90,8 +90,8 @@ TEST_F(EepromTest, newAndClearedChipsContinueTheLogFileAndNumbersWrap) {
 
 TEST_F(EepromTest, damageIsReportedAndEndsWithTheNextFlush) {
     const std::string unreadable = "Cannot read KLV for log entry at ";
-    // What is wrong in a cache of "hello" at 36 and "world" at 56, the header's end, the number of
-    // entries before the fault.
+    // The wrong bytes in a cache of "hello" at 36 and "world" at 56, the header's end, the number
+    // of entries before the fault.
     const std::tuple<std::size_t, Bytes, std::uint32_t, std::size_t, std::string> cases[] = {
         {56, {'l', 'o', 'g', '2'}, 76, 1, "Unexpected header key (log2)|"},
         {60, {0, 5}, 76, 1, unreadable + "56|"},
@@ -215,7 +215,7 @@ TEST_F(EepromTest, operationsOfSeveralThreadsNeverMix) {
         });
     for (std::thread& thread : threads)
         thread.join();
-    // Each object has an open of its own: all its transfers stand together.
+    // Each object has an open of its own: all its transfers come together.
     std::vector<std::uint64_t> openers;
     for (const framEmulator::Transfer& transfer : chip.record())
         if (openers.empty() || openers.back() != transfer.opener)

@@ -1,5 +1,5 @@
-// A fault that lasts: the daemon beside a real journal that takes its complaints, over a chip that
-// does not answer or takes its time to fail; and the limits that keep memory and journal small.
+// A fault that lasts: a daemon whose chip does not answer, or takes long to fail, with a real
+// journal that receives its complaints; and the limits that keep memory and journal small.
 
 #include "logger/recentEntries.h"
 #include "support/daemon.h"

@@ -1,4 +1,4 @@
-// The emulated chip: its bus and its faults, and what the users of the device meet.
+// The emulated chip: its bus, its faults, and the device file.
 
 #include <csignal>
 #include <fcntl.h>
@@ -41,7 +41,7 @@ using FramDeviceTest = Board;
 
 TEST(FramChipTest, losesPowerAfterAnyByteOfTheTraffic) {
     constexpr std::uint8_t before = 0x0F, written = 0xF0, torn = 0x00; // any other value
-    // The bytes on the wire before the cut of a write of two bytes to 0x200; what they leave.
+    // A write of two bytes to 0x200: the bytes on the wire before the cut, and the stored bytes.
     const std::tuple<std::uint64_t, TornByte, Bytes> cases[] = {
         {0, TornByte::newValue, {before, before}},   {2, TornByte::oldValue, {before, before}},
         {3, TornByte::newValue, {written, before}},  {3, TornByte::oldValue, {before, before}},

@@ -48,7 +48,7 @@ struct Reading {
 
 class JournalTest : public testing::Test {
 protected:
-    // What comes of the next entry: "<priority>text", "passed over" or "failed".
+    // The result for the next entry: "<priority>text", "skipped" or "failed".
     static std::string read(qwk::Journal& journal, std::uint64_t stamp = 0) {
         std::int32_t priority = -77;
         std::uint64_t time = 77;
@@ -58,12 +58,12 @@ protected:
         EXPECT_TRUE(result == 1 || (priority == -77 && text == "untouched"));
         if (result == 1)
             return "<" + std::to_string(priority) + ">" + text;
-        return result == 0 ? "passed over" : "failed";
+        return result == 0 ? "skipped" : "failed";
     }
-    // The last word of the next entry that is not passed over, as a journal daemon's own are.
+    // The last word of the next entry that is not skipped, as a journal daemon's own entries are.
     static std::string readMessage(qwk::Journal& journal) {
-        std::string outcome = "passed over";
-        while (outcome == "passed over")
+        std::string outcome = "skipped";
+        while (outcome == "skipped")
             outcome = read(journal);
         return outcome.substr(outcome.rfind(' ') + 1);
     }
@@ -72,8 +72,8 @@ protected:
 
 } // namespace
 
-// All in one journal: what is wrong with one entry does not touch the next.
-TEST_F(JournalTest, entriesBecomeTextBehindTheirSenderOrSayWhyNot) {
+// All in one journal: a fault of one entry does not affect the next.
+TEST_F(JournalTest, entriesBecomeTextWithTheirSenderOrSayWhyNot) {
     const std::string name = "SYSLOG_IDENTIFIER=sshd;", pid = "SYSLOG_PID=412;",
                       own = "_COMM=systemd;_PID=1;", host = "_HOSTNAME=board;",
                       device = "_KERNEL_DEVICE=+usb:1-1;", end = "PRIORITY=3;MESSAGE=",
@@ -94,7 +94,7 @@ TEST_F(JournalTest, entriesBecomeTextBehindTheirSenderOrSayWhyNot) {
         cases.emplace_back("PRIORITY=" + text + ";MESSAGE=m",
                            "<" + std::to_string(std::stoi(text)) + ">m");
     for (const std::string text : {"5", "4294967299", "99999999999999999999"})
-        cases.emplace_back("PRIORITY=" + text + ";MESSAGE=m", "passed over");
+        cases.emplace_back("PRIORITY=" + text + ";MESSAGE=m", "skipped");
     for (const std::string text : {"3 ", "err", "3x", "0x3", " "})
         cases.emplace_back("PRIORITY=" + text + ";MESSAGE=m",
                            "failed: Failed to parse priority field (\"" + text + "\")");
@@ -110,8 +110,8 @@ TEST_F(JournalTest, entriesBecomeTextBehindTheirSenderOrSayWhyNot) {
             outcome += ": " + message.text;
         EXPECT_TRUE(outcome == expected) << fields.substr(0, 100) << ": " << outcome.substr(0, 100);
     }
-    // The longest text that is used, and its name: zstd gives more than is asked for, others do
-    // not.
+    // Room for the longest text and its name: zstd returns more than is asked for, other
+    // compressions do not.
     EXPECT_GE(dataThreshold, 65535 + std::string("MESSAGE=").size());
 }
 
@@ -146,7 +146,7 @@ TEST_F(JournalTest, aStopEndsEveryWait) {
     std::filesystem::create_directories(qwk::journalFolderPath);
     qwk::Journal empty(4), missing(4);
     auto waiting = std::async(std::launch::async, readMessage, std::ref(empty));
-    // Before and behind the watch, and not in a busy loop.
+    // Before and during the watch, and not in a busy loop.
     EXPECT_TRUE(eventually(
         20s, [] { return looksInVain == 2; }));
     EXPECT_FALSE(eventually(100ms, [] { return looksInVain > 2; }));
@@ -155,6 +155,6 @@ TEST_F(JournalTest, aStopEndsEveryWait) {
     EXPECT_TRUE(eventually(20s, [] { return looksInVain > 2; }));
     qwk::stopRequest().request(SIGTERM);
     EXPECT_EQ(waiting.get() + inVain.get(), "failedfailed");
-    EXPECT_EQ(read(empty), "failed"); // a stop that came before
+    EXPECT_EQ(read(empty), "failed"); // a stop was requested before
     EXPECT_TRUE(syslog.take().empty());
 }

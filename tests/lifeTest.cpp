@@ -1,6 +1,7 @@
-// Long lives of a board, by chance and from a printed seed: appends of all sizes, flushes, clears,
-// restarts, power cuts, resets and bus faults, at any byte. A model says after every step what the
-// chip and the log must hold. QUILLWICK_CYCLES is the number of power cycles, 2000 without it.
+// Long random lives of a board, from a printed seed: appends of all sizes, flushes, clears,
+// restarts, power cuts, resets and bus faults, at any byte. After every step a model gives the
+// bytes that the chip and the log must hold. QUILLWICK_CYCLES sets the number of power cycles
+// (default: 2000).
 
 #include <cstdlib>
 
@@ -16,7 +17,7 @@ protected:
     // One life of a board, which begins with a new chip and an empty log file.
     void live(std::uint32_t cycles) {
         restore({});
-        // What sets lives apart: their faults, how often they flush and how much they say.
+        // Lives differ in their faults, in how often they flush and in how much they log.
         hasBusFaults = random.oneIn(3);
         hasResets = random.oneIn(3);
         flushesOneIn = 3U << (2 * random.upTo(3));

@@ -24,7 +24,7 @@ protected:
 
 TEST_F(LoggerTest, unusableSettingsFallBackToTheDefault) {
     const std::string p = "log4cplus.";
-    // The keys that are refused, each with a blank behind it.
+    // The refused keys, each with a blank after it.
     std::vector<std::tuple<std::string, int, std::string>> cases = {
         {"logsize=1\nloglevel=6\nlogcount=1\n", 4, ""},
         {"\x7f\x45\x4c\x46\0\xff=\xfe\n\0\n=\n"s, 4, ""},

@@ -1,4 +1,4 @@
-// The search for numbered lines in files and in memory, against a look through the whole text.
+// The search for numbered lines in files and in memory, compared with a scan of the whole text.
 
 #include <algorithm>
 #include <fstream>
@@ -28,7 +28,7 @@ Place at(std::size_t offset, std::uint32_t id = untouched) {
 
 class SequenceIndexTest : public testing::Test {
 protected:
-    // What an operation finds. A failed one must leave its arguments as they are.
+    // The result of an operation. A failed one must leave its arguments as they are.
     template<typename Operation>
     Place find(Operation operation, std::uint32_t from = untouched) {
         std::uint32_t offset = from;

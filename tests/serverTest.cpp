@@ -1,5 +1,5 @@
-// The control socket of the running daemon: requests, unruly clients, what stands in its way, and
-// its end with clients of every kind.
+// The control socket of the running daemon: requests, unruly clients, obstacles in the file system,
+// and its end with clients of every kind.
 
 #include <cstdlib>
 #include <random>

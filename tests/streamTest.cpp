@@ -66,7 +66,7 @@ protected:
         for (const std::string kind : {"/task", "/fd"})
             for (const auto& entry : std::filesystem::directory_iterator(
                      "/proc/" + std::to_string(daemon.pid()) + kind)) {
-                std::error_code none; // for no link, or one that is not there any more
+                std::error_code none; // for a file that is no link or has just been closed
                 const std::string target = std::filesystem::read_symlink(entry.path(), none);
                 count += target.find(qwk::journalFolderPath) == std::string::npos ? 1U : 0U;
             }
@@ -104,7 +104,7 @@ TEST_F(StreamTest, everyListenerGetsEveryLineOnceForAsLongAsItListens) {
     send(1); // a listener that had all of a file that the flush began goes on with the next line
     EXPECT_TRUE(eventually(120s, [&] { return fastOnesHave(sent); }));
     listeners.clear();
-    // A stream sees with the next entry that its client has left.
+    // With the next entry, a stream notices that its client has left.
     EXPECT_TRUE(eventually(60s, [&] { return send(1), inUse() <= inUseAtStart; }));
     EXPECT_EQ(daemon.end(), 0);
 }

@@ -1,4 +1,4 @@
-// quillwick-tail: how it cuts text into entries, what it tells of a log in any state, and that it
+// quillwick-tail: how it cuts text into entries, its messages for a log in any state, and that it
 // prints every entry once while it and the daemon are stopped at any moment. QUILLWICK_TAIL_STOPS
 // sets how often.
 
@@ -46,7 +46,7 @@ std::vector<std::string> entriesOf(const std::string& text) {
     return entries;
 }
 
-// The log files of a daemon that does not run, and quillwick-tail beside them.
+// The log files of a daemon that does not run, read by quillwick-tail.
 class TailTest : public testing::Test {
 protected:
     TailTest() {
@@ -236,7 +236,7 @@ protected:
         const std::size_t at = cursor.rfind("entry ");
         return at == std::string::npos ? "" : '[' + cursor.substr(at + 6, 8) + ']';
     }
-    // Every start reads the journal of the boot again: what was read goes.
+    // Every start reads the journal of the boot again, so the entries read so far are removed.
     void restartDaemon() {
         journald.rotate();
         run("/usr/bin/journalctl", {"--vacuum-files=1"});
@@ -340,7 +340,7 @@ TEST_F(StopTest, followsLiveThroughLongMessagesFlushesAndClears) {
         const std::string tag = '<' + std::to_string(step) + '>';
         const std::uint32_t size = random.upTo(random.oneIn(3) ? 60000 : 600);
         journald.log(3, "test", tag + std::string(random.oneIn(3) ? size : 0, 'x'));
-        // What was cleared before it was printed cannot come.
+        // An entry that was cleared before it was printed cannot come.
         ASSERT_TRUE(reader->waitForOutput(tag, 10s)) << reader->output();
         const std::string output = reader->output();
         EXPECT_GE(output.find(tag), at) << tag << " is not in its place";

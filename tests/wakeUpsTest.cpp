@@ -1,5 +1,5 @@
-// Wake-ups by descriptors of the service manager: what they do to the waits of the journal reader,
-// which descriptors serve, and that the daemon loses and repeats nothing with them.
+// Wake-ups by descriptors of the service manager: their effect on the waits of the journal reader,
+// the kinds of descriptors, and that the daemon loses and repeats nothing with them.
 
 #include <atomic>
 #include <dlfcn.h>
@@ -45,8 +45,8 @@ protected:
     void forge(const std::string& datagram) {
         send(sender.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
     }
-    // So that journald has never more messages in the queue than it holds, however busy this
-    // machine is. That the queue gets empty is what is expected, whatever the daemon is doing.
+    // journald never has more messages in the queue than it holds, however busy this machine is.
+    // The daemon must empty the queue whatever else it is doing.
     void logInBatches(int count) {
         for (; count > 0; count -= queued) {
             logMore(std::min(count, queued));

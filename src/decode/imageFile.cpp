@@ -14,7 +14,7 @@ namespace {
 
 using framLayout::chipSize;
 
-// Several times the longest form of an image; whatever is longer is not read to its end.
+// Several times the longest form of an image. A longer file is not read to its end.
 constexpr std::size_t maxFileSize = 262144;
 
 constexpr std::size_t dumpLineBytes = 16;

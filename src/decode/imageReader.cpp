@@ -31,7 +31,7 @@ const char* fieldName(Flaw flaw) {
     return flaw == Flaw::key ? "key" : flaw == Flaw::length ? "length" : "time";
 }
 
-// Where all records of a cache are there, a gap is the end of the record before it.
+// If no record of a cache is missing, a gap is the end of the record before it.
 void joinGaps(Scan& scan, const Image& image) {
     std::vector<Gap> left;
     for (const Gap& gap : scan.gaps) {
@@ -89,7 +89,7 @@ private:
                 contents_.damage.push_back(
                     sentence("Header copy %u is damaged; copy %u counts.", copy, 1 - copy));
         if (!valid[0] && !valid[1])
-            return mendHeader(0) || mendHeader(1) || adoptHeadersThatAgree();
+            return restoreHeader(0) || restoreHeader(1) || adoptHeadersThatAgree();
         // As the daemon does: copy 0 is written first and is never the older one.
         state_ = decodeHeader(copyAt(valid[0] ? 0 : 1));
         if (valid[0] && valid[1] && !std::equal(copyAt(0), copyAt(1), copyAt(1))) {
@@ -102,11 +102,11 @@ private:
         return true;
     }
 
-    // A copy whose checksum is right once its key and size are put back has all its numbers.
-    bool mendHeader(unsigned copy) {
+    // If restoring its key and size makes a copy's checksum right, its numbers are right.
+    bool restoreHeader(unsigned copy) {
         const Header header = decodeHeader(copyAt(copy));
-        const auto mended = encodeHeader(header);
-        if (storedCrc(mended.data()) != storedCrc(copyAt(copy)) || !isPossible(header))
+        const auto restored = encodeHeader(header);
+        if (storedCrc(restored.data()) != storedCrc(copyAt(copy)) || !isPossible(header))
             return false;
         contents_.damage.push_back(
             sentence("Both header copies are damaged. Copy %u lost only its key or size.", copy));
@@ -176,10 +176,10 @@ private:
         contents_.remains.push_back(section);
     }
 
-    // The bytes after the cache's end were written by earlier fills, which a flush leaves as they
-    // are. The first run of records is the end of the fill before this one, unless that one was
-    // shorter than this one: its numbers are no more than likely. A run whose end does not show,
-    // because an older record follows right there, gets none.
+    // The bytes after the cache's end come from earlier fills: a flush leaves them as they are. The
+    // first run of records is the end of the previous fill, unless that fill was shorter than this
+    // one, so its numbers are only likely. If an older record follows the run directly, its end is
+    // unknown and it gets no numbers.
     void readRemains() {
         std::vector<Record> left =
             scanRecords(image_, remainsAt_, chipSize, AreaEnd::unknown).records;
@@ -200,9 +200,9 @@ private:
         }
     }
 
-    // An append that was cut off leaves its record, or the start of it, at the cache's end. Nothing
-    // that was left by earlier fills is younger than the cache or, when that is empty, than what
-    // follows; where nothing does, a single entry that was flushed looks the same.
+    // An append that was cut off leaves its record, or the start of it, at the cache's end. Entries
+    // of earlier fills are never younger than the cache or, when it is empty, than the entries
+    // after them. If none follow, a single entry that was flushed looks the same.
     bool beginsWithUnfinishedAppend(const std::vector<Record>& left) const {
         if (left.empty() || left.front().address != state_.end)
             return false;

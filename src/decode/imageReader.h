@@ -14,14 +14,14 @@ struct Section {
     std::vector<NumberedEntry> entries;
 };
 
-/// What an image holds.
+/// The contents of an image.
 struct Contents {
-    /// The entries in the cache, oldest first. Where no header tells how far the cache reaches:
-    /// whatever looks like an entry, in the order of addresses.
+    /// The entries in the cache, oldest first. If no header tells the cache's end: everything that
+    /// looks like an entry, in the order of addresses.
     std::vector<NumberedEntry> entries;
-    /// What is wrong with the image, a sentence each; empty for an intact one.
+    /// The faults of the image, one sentence each; empty for an intact one.
     std::vector<std::string> damage;
-    /// What an older header copy and the bytes after the cache's end tell.
+    /// Entries that an older header copy covers, and those after the cache's end.
     std::vector<Section> remains;
     /// A header says that the cache is empty; `note` is a sentence on that.
     bool isEmptyCache = false;

@@ -1,4 +1,4 @@
-// quillwick-decode: prints what the image of a chip holds, without the daemon and without the chip.
+// quillwick-decode: prints the entries in the image of a chip, without the daemon or the chip.
 
 #include <cstdio>
 #include <cstring>

@@ -8,7 +8,7 @@
 
 namespace qwk::decode {
 
-/// How far the number of an entry can be relied upon.
+/// How reliable the number of an entry is.
 enum class Certainty { unknown, about, certain };
 
 struct NumberedEntry {

@@ -62,13 +62,13 @@ private:
                (isFilled_ || !endsEarly(at, fields.size));
     }
 
-    // A zero byte in a message was there before the record, whose writing was cut off.
+    // A zero byte in a message is older than the record: writing the record was cut off.
     bool endsEarly(std::uint32_t at, std::uint32_t size) const {
         return std::find(&image_[at] + messageAt, &image_[at] + size, 0) != &image_[at] + size;
     }
 
-    // Whether the chain of records can go on at `at`, or ends there. Less than isRecord asks for is
-    // enough: any priority may follow a record.
+    // Whether the chain of records can go on at `at`, or ends there. It asks for less than
+    // isRecord: an entry of any priority may follow a record.
     bool continuesAt(std::uint32_t at) const {
         if (at == to_)
             return isFilled_;
@@ -85,8 +85,8 @@ private:
         return std::min(at, to_);
     }
 
-    // The record at a place where the one before, or the area's start, lets expect one. One field
-    // of it may be wrong when the others and what follows speak for it.
+    // The record at the area's start, or right after another record. One of its fields may be wrong
+    // if the other fields and the bytes after the record confirm it.
     std::optional<Record> expectedRecord(std::uint32_t at) const {
         if (!hasHead(at))
             return std::nullopt;
@@ -103,7 +103,7 @@ private:
         return record(at, fields.size, fields.timeIsPossible ? Flaw::none : Flaw::time);
     }
 
-    // Only its length speaks against the record at `at`, or its neighbour is destroyed.
+    // The record at `at` if only its length is wrong, or if its neighbour is destroyed.
     std::optional<Record> unfollowedRecord(std::uint32_t at, const Head& fields) const {
         const std::uint32_t next = nextRecord(at + minEntrySize);
         // In a filled area there has to be room for the neighbour.

@@ -24,7 +24,7 @@ struct Gap {
     std::uint32_t to;
 };
 
-/// What an area holds, in the order of addresses.
+/// The records and gaps of an area, in the order of addresses.
 struct Scan {
     std::vector<Record> records;
     std::vector<Gap> gaps;
@@ -34,17 +34,17 @@ struct Scan {
 /// field says.
 framLayout::Entry entryOfSize(const std::uint8_t* record, std::uint32_t size);
 
-/// What is known about the end of an area.
+/// How an area may end.
 enum class AreaEnd {
     lastRecord, // the last record ends exactly there, and records fill the area without a gap
     unknown     // records may end before it, and there may be other bytes between them
 };
 
 /// Looks for the records in `image` from address `from`, where the first one is expected, up to
-/// `to`, at most chipSize. Where there is none, it goes on at the next place whose key, length,
-/// priority and time are those of a record.
+/// `to`, at most chipSize. After a gap it goes on at the next address whose key, length, priority
+/// and time are those of a record.
 ///
-/// No message is taken for a record: a time begins with a zero byte, which ends a message.
+/// It mistakes no message for a record: a time begins with a zero byte, which ends a message.
 Scan scanRecords(const Image& image, std::uint32_t from, std::uint32_t to, AreaEnd end);
 
 } // namespace qwk::decode

@@ -103,8 +103,8 @@ void Eeprom::append(std::int32_t priority, const std::uint64_t& time, const std:
         end = entryAreaStart;
         count = 0;
     }
-    // Shown to clients before it is in the chip: they see the entry even when the chip fails. No
-    // flush comes in between, because the chip lock is held.
+    // Clients see the entry before it is in the chip, so they see it even when the chip fails. No
+    // flush can come in between, because this thread holds the chip lock.
     if (logSink != nullptr) {
         const Held<LogSink> held(*logSink);
         logSink->addToCache(nextId, priority, time, message);
@@ -133,7 +133,7 @@ int Eeprom::flushLocked() {
     std::uint32_t nextId;
     if (readHeaders(end, count, nextId) != 0)
         return -1;
-    // Already as the reset would leave it. With another count the headers contradict themselves.
+    // The chip is already as the reset would leave it. Any other count contradicts `end`.
     if (end == entryAreaStart && count == 0)
         return 0;
     std::uint32_t written = 0;
@@ -142,7 +142,7 @@ int Eeprom::flushLocked() {
                     [this](std::uint32_t id, const Entry& entry) QWK_REQUIRES(logSink) {
                         logSink->sink(id, entry.priority, entry.time, entry.message);
                     });
-    // Returns with the lines on stable storage: only then may the chip let its entries go.
+    // Releasing the lock puts the lines on stable storage: only then may the chip drop its entries.
     held.unlock();
     if (!complete)
         report(LOG_ERR, "FRAM cache corrupted.");

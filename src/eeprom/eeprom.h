@@ -51,7 +51,7 @@ public:
     int clear();
 
     /// The base's dump, declared again because it has to read the chip under the chip lock, which
-    /// the base does not know. A slow reader of `out` delays nobody else.
+    /// the base does not know. A slow reader of `out` delays no one else.
     int hexDump(std::FILE* out);
 
 private:

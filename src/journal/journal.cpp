@@ -95,14 +95,14 @@ int Journal::waitForChanges() {
     int result = 0;
     bool hasChanges = true;
     if (descriptor_ < 0) {
-        // The watch begins here: an entry that came just before wakes nobody, so the journal is
-        // looked at once more before the first wait.
+        // Notification begins here. An entry that came just before causes none, so the loop looks
+        // at the journal once more before the first wait.
         result = beginWatch();
     } else {
         hasChanges = wakeUps_.wait(descriptor_, stopRequest().descriptor());
     }
-    // A hint alone changes nothing that libsystemd would have to process: an entry in a file that
-    // it knows is found all the same, and a new file makes the descriptor readable at once.
+    // After a hint alone libsystemd has nothing to process: it finds an entry in a file that it
+    // knows without that, and a new file makes the descriptor readable at once.
     if (result >= 0 && hasChanges)
         result = sd_journal_process(journal_.get());
     if (result < 0)
@@ -113,7 +113,7 @@ int Journal::waitForChanges() {
 }
 
 int Journal::beginWatch() {
-    // libsystemd would watch nothing, and for good, while the folder is missing.
+    // If the folder were missing, libsystemd would never watch it, not even later.
     bool waits = false;
     while (access(journalFolderPath, F_OK) != 0 && !stopRequest().isRequested()) {
         if (!std::exchange(waits, true))
@@ -129,8 +129,8 @@ int Journal::beginWatch() {
 }
 
 void Journal::reportWaitFailure(int error) {
-    // A watch that cannot begin is tried again every 100 ms. One report of that is enough: each is
-    // a journal entry itself.
+    // The caller tries again every 100 ms. While notification cannot begin, one report is enough:
+    // each is a journal entry itself.
     if (descriptor_ >= 0 || !waitFailureReported_)
         report(LOG_ERR, "Failed to wait for changes: %s", errorText(-error).c_str());
     waitFailureReported_ = descriptor_ < 0;
@@ -139,7 +139,7 @@ void Journal::reportWaitFailure(int error) {
 int Journal::readPriority(std::int32_t& priority) {
     const char* text = nullptr;
     if (getField("PRIORITY", text) != 0) {
-        // Nothing was refused: the text of EPERM is kept because others search the log for it.
+        // Nothing was refused: the text of EPERM stays because users search their logs for it.
         report(LOG_ERR, "Failed to read priority field: %s", errorText(EPERM).c_str());
         return -1;
     }

@@ -51,8 +51,8 @@ private:
     /// Blocks until the journal has changed or the daemon is to stop. The result of
     /// sd_journal_process, or a negative error number.
     int waitForChanges();
-    /// Lets the journal's descriptor watch, once the journal's folder is there. The descriptor, or
-    /// a negative error number.
+    /// Starts change notification once the journal's folder exists. Returns the descriptor, or a
+    /// negative error number.
     int beginWatch();
     void reportWaitFailure(int error);
     /// 1 when the entry's priority is to be logged, 0 when not, -1 when it has none.

@@ -27,27 +27,27 @@ constexpr std::chrono::milliseconds longestWait = 500ms;
 // The largest record of the kernel's log; a shorter read of it fails.
 constexpr std::size_t bufferSize = 8192;
 
-// So many hints in so short a time are a flood. The thread then rests, for longer and longer while
-// it lasts: the sender would fill the queue as soon as the thread does not get the processor for a
-// few milliseconds, and reading all of it would take the processor from others.
+// This many hints in so short a time are a flood. While it lasts, the thread rests for longer and
+// longer. Reading everything would take the processor from others, and the queue would still fill
+// up whenever the thread does not run for a few milliseconds.
 constexpr int floodSize = 32;
 constexpr std::chrono::milliseconds floodPeriod = 10ms;
 constexpr std::chrono::milliseconds firstRest = 10ms;
 constexpr std::chrono::milliseconds longestRest = 80ms;
 
-// The main thread is busy for long when it has not waited again after this time. A queue that holds
-// fewer messages than come meanwhile makes journald lose hints, and say so.
+// After so much work without a wait the main thread hands the reading over. journald drops hints,
+// and reports it, when the queue holds fewer messages than arrive in this time.
 constexpr std::chrono::milliseconds longBusy = 10ms;
 constexpr std::chrono::nanoseconds atOnce = 1ns;
 constexpr std::chrono::nanoseconds never = 0ns;
 
-// The order of what the main thread polls.
+// The order in which the main thread polls.
 constexpr std::size_t journalAt = 0;
 constexpr std::size_t stopAt = 1;
 constexpr std::size_t hintsAt = 2;
 constexpr std::size_t firstSource = 3;
 
-// For an unknown number of entries: more than come before the journal is quiet again.
+// Stands for an unknown number of entries: more than come before the journal is quiet again.
 constexpr std::uint64_t untilQuiet = 1U << 20U;
 
 bool makeNonBlocking(int descriptor) {
@@ -59,8 +59,8 @@ FileDescriptor makeEventDescriptor() {
     return FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
 }
 
-// While the gate is closed the kernel throws every datagram away, and the sender does not notice:
-// the queue cannot fill up, and nobody has to read it.
+// While the gate is closed the kernel throws every datagram away, and the sender does not notice.
+// The queue cannot fill up, so no one has to read it.
 bool closeGate(const FileDescriptor& socket) {
     sock_filter nothing{BPF_RET | BPF_K, 0, 0, 0};
     const sock_fprog program{1, &nothing};
@@ -123,7 +123,7 @@ void WakeUps::add(FileDescriptor descriptor) {
         reportDropped(source.descriptor, errorText(errno));
         return;
     }
-    // The first read finds out now what can never be read, such as a socket that listens.
+    // The first read refuses descriptors that can never be read, such as a listening socket.
     drain(source, 0);
     if (source.descriptor.isOpen())
         sources_.push_back(std::move(source));
@@ -177,7 +177,8 @@ bool WakeUps::wait(int journal, int stop) {
 }
 
 int WakeUps::timeout() const {
-    // The hints of entries that came early are there: they are taken first, and announce nothing.
+    // Some entries came before their hints were read. Those hints are there by now: read them
+    // first, for they announce nothing more.
     if (early_ > 0)
         return 0;
     return awaited_ > 0 ? static_cast<int>(pause_.count()) : -1;
@@ -211,8 +212,8 @@ void WakeUps::endWait(bool isFlood) {
 }
 
 void WakeUps::beginWork() {
-    // The timer costs as much as a short wait: it is set only now, and once for all entries up to
-    // the next wait.
+    // Setting the timer in every wait would cost much of the time of an entry. Once for all entries
+    // between two waits is enough.
     if (reads_ && !isReliefComing_)
         setRelief(longBusy);
 }
@@ -312,7 +313,7 @@ void WakeUps::sitOutFlood() {
     for (Source& source : sources_)
         if (source.isDatagramSocket && source.descriptor.isOpen() && closeGate(source.descriptor))
             while (drain(source, 0) == floodSize)
-                ; // what came before the gate was closed
+                ; // datagrams that came before the gate was closed
     poll(&polled_.back(), 1, static_cast<int>(meter_.rest().count()));
     for (const Source& source : sources_)
         if (source.isDatagramSocket && source.descriptor.isOpen())

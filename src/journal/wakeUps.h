@@ -19,11 +19,11 @@ std::vector<FileDescriptor> takeHandedOverDescriptors();
 
 /// Hints that an entry is on its way into the journal. journald tells its readers of a new entry up
 /// to half a second late. But it forwards each message at once to a syslog socket, and the kernel's
-/// log shows each record at once. The service manager can hand over descriptors of both. Whatever
-/// becomes readable on them is read and thrown away: it is a reason to look at the journal, no
-/// more. The main thread reads them while it waits; a thread of its own keeps them empty while the
-/// main thread is busy for long, and in a flood. Without descriptors there is no thread, and every
-/// wait is as if this class did not exist.
+/// log shows each record at once. The service manager can hand over descriptors of both. This class
+/// reads everything that arrives on them and throws it away: it is a reason to look at the journal,
+/// no more. The main thread reads while it waits. A thread of this class takes over when the main
+/// thread works for long, and in a flood. Without descriptors there is no thread, and every wait is
+/// as if this class did not exist.
 ///
 /// The main thread alone uses an object.
 class WakeUps {
@@ -39,12 +39,12 @@ public:
 
     /// Waits until the descriptor `journal` or `stop` is readable, a signal or a hint comes, or it
     /// is time for another look: an entry may reach the journal a little after its hint, so the
-    /// journal is looked at again soon, then less and less often. False when it was nothing but a
-    /// hint or the time.
+    /// next look is soon and later ones are less and less frequent. False when only a hint or the
+    /// time ended the wait.
     bool wait(int journal, int stop);
-    /// To be called for each entry that is read from the journal.
+    /// Call it for each entry that was read from the journal.
     void entryCame();
-    /// To be called before the main thread does something that may take long.
+    /// Call it before the main thread does anything that may take long.
     void beginWork();
 
 private:
@@ -53,7 +53,7 @@ private:
         bool isDatagramSocket; // it may read an empty message; elsewhere 0 is the end of the input
     };
 
-    /// Tells whether there is a flood, and how long to rest.
+    /// Detects a flood, and determines the length of the rests in it.
     class FloodMeter {
     public:
         bool isFlood(int hints);
@@ -80,7 +80,7 @@ private:
     void setRelief(std::chrono::nanoseconds time);
     /// In milliseconds; -1 for none.
     int timeout() const;
-    /// The hints that poll() has found, when it polled `count` elements of waited_.
+    /// Reads the hints that poll() has found in the first `count` elements of waited_.
     std::uint64_t takeHints(std::size_t count, bool& isFlood);
     void expect(std::uint64_t hints);
     void lookedInVain();
@@ -96,14 +96,14 @@ private:
     /// Reads nothing for some time, in which the datagram sockets stay empty all the same.
     void sitOutFlood();
 
-    // For the one who reads the sources.
+    // The reader's part.
     /// Fills in one element for each of sources_.
     void prepareToPoll(pollfd* polled) const;
     /// Reads each source that poll() has found readable, in the order of sources_. Returns the
     /// number of hints.
     int drainReadable(const pollfd* polled);
-    /// Reads what is there, up to the size of a flood, and returns the number of hints. `events`
-    /// are poll()'s. Closes the source, and returns 0, when nothing more can come.
+    /// Reads until nothing is left, or up to the size of a flood. Returns the number of hints.
+    /// `events` are poll()'s. Closes the source, and returns 0, when nothing more can come.
     int drain(Source& source, short events);
 
     FileDescriptor stop_;   // becomes readable when the thread is to end
@@ -121,15 +121,15 @@ private:
     std::vector<Source> sources_;
     FloodMeter meter_;
 
-    /// What the thread polls: the sources in their order, then stop_.
+    /// Polled by the thread: the sources in their order, then stop_.
     std::vector<pollfd> polled_;
 
     // The main thread's.
     bool reads_ = false;          // unless the thread has taken over since the last wait
     bool isReliefComing_ = false; // relief_ runs, or has expired
-    /// What it polls: the journal, the stop, hints_, then the sources in their order.
+    /// Polled by it: the journal, the stop, hints_, then the sources in their order.
     std::vector<pollfd> waited_;
-    std::uint64_t awaited_ = 0;              // entries that were announced and have not come
+    std::uint64_t awaited_ = 0;              // announced entries that have not come
     std::uint64_t early_ = 0;                // entries that came before their hints were taken
     std::chrono::milliseconds pause_{0};     // until the next look, while entries are awaited
     std::chrono::milliseconds lookedFor_{0}; // in vain, since the last hint or entry

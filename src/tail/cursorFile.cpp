@@ -14,8 +14,8 @@ namespace qwk::tail {
 
 namespace {
 
-// A line of it: what the entry is to the log (an anchor, or one of the newest), its number, its
-// fingerprint and its size in the chip; oldest first.
+// The first line of the file. One line for each entry follows, oldest first: its kind (an anchor,
+// or one of the newest), its number, its fingerprint and its size in the chip.
 constexpr char firstLine[] = "quillwick-tail cursor 1\n";
 constexpr char lastLine[] = "end\n";
 

@@ -17,7 +17,7 @@ public:
     /// cannot be read or is no cursor file.
     void load(History& history) const;
 
-    /// Writes it without the newest `untaken` entries. False on failure: errno tells.
+    /// Writes it without the newest `untaken` entries. False on failure; errno tells why.
     bool save(const History& history, std::size_t untaken) const;
 
 private:

@@ -25,7 +25,8 @@ bool sendRequest(int socket, const std::string& line) {
 
 DaemonLink::DaemonLink(Kind kind, std::size_t size)
     : socket_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    // A daemon that accepts nobody counts as none: a wait in connect() would be deaf to a stop.
+    // A daemon that accepts no connection counts as absent: a connect() that waits would not notice
+    // a stop.
     const sockaddr_un address = controlSocketAddress();
     const std::string line = std::string("quillwick-tail ") + (kind == Kind::live ? "-l " : "") +
                              "-g " + std::to_string(size);

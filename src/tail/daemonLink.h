@@ -13,14 +13,15 @@ class DaemonLink {
 public:
     enum class Kind { once, live };
 
-    /// Asks for the newest `size` bytes, and with `live` for every new line after them. Without a
-    /// connection errno tells why.
+    /// Asks for the newest `size` bytes, and with `live` for every new line after them. If there is
+    /// no connection, errno tells why.
     DaemonLink(Kind kind, std::size_t size);
 
     bool isOpen() const { return socket_.isOpen(); }
     int descriptor() const { return socket_.get(); }
 
-    /// Waits for text, but not when the program is to stop, and appends it; false at the end.
+    /// Waits for text and appends it. False at the end of the answer, or when the program is to
+    /// stop.
     bool receive(std::string& text);
     /// Throws away the text that has arrived; false at the end.
     bool discard();

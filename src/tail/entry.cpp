@@ -42,8 +42,8 @@ bool isTornHead(const char* line, std::size_t length, std::uint32_t number) {
 }
 
 std::uint64_t fingerprint(const Entry& entry) {
-    // The first bytes of a message are in both of its forms. Newlines at its end are not told
-    // from the one that follows it. Seconds and milliseconds are the same in every zone.
+    // Both forms of a message begin with the same bytes. Newlines at its end look like the one
+    // after it. Seconds and milliseconds are the same in every zone.
     std::size_t end = std::min(entry.text.size(), headLength + framLayout::longMessageHead);
     while (end > headLength && entry.text[end - 1] == '\n')
         --end;

@@ -109,9 +109,9 @@ EntrySplitter::Answer EntrySplitter::findLastEnd(std::size_t& end) const {
                                                                           : Answer::no;
 }
 
-// A message may quote lines of the log. Numbers tell: the next entry has the next number. Entries
-// that come again after a power cut go on until the current number comes again, and a message
-// cannot quote its own number. At the end of the text the time tells: a message quotes the past.
+// A message may quote lines of the log. The numbers decide: the next entry has the next number.
+// After a power cut the log may repeat entries up to the current number, and a message cannot quote
+// its own number. At the end of the text the time decides: a message quotes the past.
 EntrySplitter::Answer EntrySplitter::belongsToMessage(std::size_t line, std::uint32_t number,
                                                       bool complete) const {
     if (number == number_ || number == number_ + 1)
@@ -144,7 +144,7 @@ bool EntrySplitter::isLater(std::size_t line) const {
 }
 
 bool EntrySplitter::cut(std::size_t end, Entry& entry) const {
-    // Zero bytes are what a file system leaves of blocks that it never wrote.
+    // After a power cut, blocks that the file system never wrote read as zero bytes.
     const void* zero = std::memchr(text_.data() + begin_, '\0', end - begin_);
     if (zero != nullptr) {
         end = text_.rfind('\n',

@@ -9,8 +9,8 @@
 
 namespace qwk::tail {
 
-/// Cuts log text into whole entries. Text before the first beginning of an entry is skipped, and so
-/// are entries of which a power cut left a part only, as far as that shows in their text.
+/// Cuts log text into whole entries. It skips text before the first entry, and entries whose text
+/// shows that a power cut left only a part of them.
 class EntrySplitter {
 public:
     enum class Source { file, daemon };

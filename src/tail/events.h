@@ -5,7 +5,7 @@
 
 namespace qwk::tail {
 
-/// What the reader tells on standard error, beside the log: a sentence, or a JSON object a line.
+/// The reader's messages on standard error. Each is a sentence or a JSON object, on one line.
 class Events {
 public:
     explicit Events(bool json) : json_(json) {}
@@ -13,7 +13,7 @@ public:
     void resumed(std::uint32_t last) const;
     /// The entries `from` to `to` are missing.
     void gap(std::uint32_t from, std::uint32_t to) const;
-    /// They were rolled out before they were printed.
+    /// The daemon removed the files of these entries before they were printed.
     void cursorTooOld(std::uint32_t from, std::uint32_t to) const;
     void wentBack(std::uint32_t last, std::uint32_t next) const;
     /// The log files hold these twice, and they are printed once.

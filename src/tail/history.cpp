@@ -8,7 +8,8 @@ namespace qwk::tail {
 
 namespace {
 
-// The chip, and what waits for the output's reader: 16 KiB in a pipe and a piece of 4 KiB.
+// Enough for the entries of a full chip and those that the output's reader has not read: 16 KiB in
+// a pipe and a piece of 4 KiB.
 constexpr std::uint32_t rememberedSize = 4 * framLayout::chipSize;
 
 } // namespace

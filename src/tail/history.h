@@ -9,7 +9,7 @@
 
 namespace qwk::tail {
 
-/// A printed entry, as it is remembered.
+/// A printed entry, as the history remembers it.
 struct Mark {
     std::uint32_t number = 0;
     std::uint64_t fingerprint = 0;
@@ -23,9 +23,8 @@ struct Mark {
 
 Mark markOf(const Entry& entry);
 
-/// The newest printed entries: more than the chip can hold. An entry that comes later
-/// than they did cannot be in the chip, so the log is looked through from the newest of them that
-/// it still holds.
+/// The newest printed entries, more than the chip can hold. Entries before them have left the chip,
+/// so a search of the log can begin at the newest one that is still in its files.
 class History {
 public:
     void add(const Mark& mark);
@@ -36,14 +35,14 @@ public:
     /// The number after that of the last printed entry; only when there is one.
     std::uint32_t nextNumber() const { return marks_.back().number + 1; }
 
-    /// An entry that is in a log file for certain, however much was forgotten by `--clear` since.
+    /// An entry that certainly reached a log file, even if `--clear` has dropped later ones.
     const std::optional<Mark>& anchor() const { return anchor_; }
     void setAnchor(const Mark& mark) { anchor_ = mark; }
 
     /// Oldest first.
     const std::deque<Mark>& marks() const { return marks_; }
-    /// One more than the chip can hold of those before the newest `untaken`: the index of the
-    /// first.
+    /// The index of the first entry that the cursor file needs: without the newest `untaken`, one
+    /// more than the chip can hold.
     std::size_t firstNeeded(std::size_t untaken) const;
 
 private:

@@ -24,12 +24,12 @@ struct FileState {
 FileState logFileState();
 
 /// The log file and its rolled copies, opened from the newest on as far as they are needed. An
-/// open file stays the same one when it is renamed. All throw std::system_error when a file is
-/// there and cannot be read.
+/// open file stays the same one when it is renamed. All operations throw std::system_error when a
+/// file exists and cannot be read.
 class LogFiles {
 public:
-    /// Places the reading at the newest entry in the files that the history knows. False when they
-    /// hold none: the reading is at the start of the oldest file.
+    /// Places the reading at the newest entry of the files that the history knows. False when the
+    /// files hold none; the reading then begins at the start of the oldest file.
     bool placeAtKnown(History& history);
     /// Places the reading in the newest file that begins at or before this number, or at the start
     /// of the oldest.

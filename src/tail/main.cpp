@@ -87,7 +87,7 @@ void requestStop(int signal) {
 }
 
 void takeSignals() {
-    static_cast<void>(qwk::stopRequest()); // made before the handler can use it
+    static_cast<void>(qwk::stopRequest()); // creates it before the handler can use it
     for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
         std::signal(number, requestStop);
     std::signal(SIGPIPE, SIG_IGN);
@@ -97,7 +97,7 @@ void takeSignals() {
 
 int main(int argc, char** argv) {
     if (fcntl(STDOUT_FILENO, F_GETFD) < 0)
-        return wrongUse; // entries would be recorded that nobody got
+        return wrongUse; // the cursor would count entries that no one received
     qwk::occupyStandardDescriptors();
     qwk::tail::Options options;
     if (!parseOptions(argc, argv, options)) {

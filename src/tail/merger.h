@@ -11,9 +11,9 @@
 
 namespace qwk::tail {
 
-/// Puts the entries of files and daemon into one sequence: prints each once and tells where the
-/// numbers do not follow. The newest entry is held until the next one or settle() confirms it,
-/// because a line that a power cut has torn is followed by its whole self.
+/// Puts the entries of files and daemon into one sequence, prints each once and reports gaps in the
+/// numbers. It holds the newest entry until the next one or settle() confirms it: after a power
+/// cut, a torn line in the file is followed by the same line, whole.
 class Merger {
 public:
     enum class Source { files, daemon };
@@ -37,7 +37,7 @@ public:
     /// Forgets the held entry: it will be read again.
     void drop() { held_.reset(); }
 
-    /// What the history knows is in no file any more: a gap that follows is the cursor's age.
+    /// No file holds an entry that the history knows: the cursor's age explains the next gap.
     void placeIsLost() { placeLost_ = true; }
     /// A new look begins: entries of the files that were printed before it are no repetition.
     void beginLook() { printedInLook_ = false; }

@@ -14,7 +14,8 @@ namespace qwk::tail {
 
 namespace {
 
-// What is unread in the pipe is printed again after a kill: little, and within the history.
+// After a kill the next start prints the pipe's unread text again, so that is kept small and within
+// the history.
 constexpr int pipeSize = 16384;
 constexpr int drainPeriodMs = 5;
 constexpr int longestDrainMs = 500;
@@ -64,7 +65,7 @@ void Output::drain() {
     for (int waited = 0; error_ == 0 && unreadBytes() > 0; waited += drainPeriodMs) {
         if (stopRequest().isRequested() && waited >= longestDrainMs)
             return;
-        // Only an error shows here: the reader has gone.
+        // Only an error shows here: the reader has left.
         pollfd pipe{STDOUT_FILENO, 0, 0};
         if (poll(&pipe, 1, drainPeriodMs) > 0)
             return;

@@ -9,25 +9,25 @@
 
 namespace qwk::tail {
 
-/// Standard output. Entries go out in writes of whole entries that a pipe takes whole or not at
-/// all; one above PIPE_BUF bytes goes out alone and may be cut by a kill.
+/// Standard output. Each write holds whole entries, and a pipe takes all of it or nothing. Only an
+/// entry above PIPE_BUF bytes goes out alone, and a kill may cut it.
 class Output {
 public:
     Output();
 
     /// Adds an entry; writes those before it when they fill a piece.
     void add(const Entry& entry);
-    /// Writes what was added. It waits for a reader, but not when the program is to stop.
+    /// Writes the added entries. Waits for the reader unless the program is to stop.
     void flush();
-    /// Waits until a pipe's reader has read all, but not long when the program is to stop.
+    /// Waits until a pipe's reader has read everything; not for long when the program is to stop.
     void drain();
-    /// Lets what was written last a power cut, where the output is a file.
+    /// Puts the written entries on stable storage when the output is a file.
     void sync() const;
 
-    /// The newest entries that nobody has: not written, or unread in a pipe.
+    /// How many of the newest entries the reader does not have: not written, or unread in a pipe.
     std::size_t untaken();
 
-    /// Nothing more will be written: the reader has gone or a stop is requested.
+    /// Nothing more will be written: the reader has left or a stop is requested.
     bool isOver() const;
     void readerHasGone() { error_ = EPIPE; }
     /// The error number of a failed write, or 0.

@@ -16,9 +16,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The daemon sends so much in one piece, which no change of the log can cut.
+// The daemon sends this much in one piece, which no change of the log can interrupt.
 constexpr std::size_t recentSize = 16384;
-// Above the text of 30 of the longest messages: all that can be in the chip.
+// More than the 30 longest messages, which is all that fits into the chip.
 constexpr std::size_t allRecentSize = 4194304;
 
 // A look that finds a gap may have met a roll or a flush.
@@ -58,7 +58,7 @@ Tail::Tail(const Options& options, const Events& events)
 bool Tail::run() {
     catchUp();
     if (options_.follow) {
-        save(); // a kill soon after the start repeats none of what is past
+        save(); // so a kill from now on makes the next start repeat nothing
         follow();
     }
     output_.drain();
@@ -81,11 +81,11 @@ void Tail::catchUp() {
     saveIfDue();
 }
 
-// False when what was found does not fit together: files and chip change meanwhile.
+// False when the entries do not fit together: files and chip may change during a look.
 bool Tail::look(bool patient) {
     bool answered = false;
     merger_.beginLook();
-    // Mostly the daemon's newest text begins before the last printed entry.
+    // The daemon's newest text usually begins before the last printed entry.
     if (merger_.hasPlace() && takeRecentText(false, patient, answered))
         return true;
     looked_ = logFileState();
@@ -118,8 +118,8 @@ bool Tail::readFiles(LogFiles& files, bool patient) {
     return fits;
 }
 
-// Takes what the daemon has in files and chip after the newest entry that was taken before. False
-// when its text does not begin there, or when no daemon answers.
+// Takes the daemon's entries, in files and chip, that come after the newest one taken before. False
+// when the daemon's text begins later than that, or when no daemon answers.
 bool Tail::takeRecentText(bool all, bool patient, bool& answered) {
     const std::optional<std::string> text = recentText(all ? allRecentSize : recentSize);
     answered = text.has_value();
@@ -152,7 +152,7 @@ bool Tail::takeRecentText(bool all, bool patient, bool& answered) {
     return true;
 }
 
-// Without a daemon the last entry of the files is whole, once nobody writes any more.
+// Without a daemon, the last entry of the files is whole once the files no longer change.
 bool Tail::settleFiles(const LogFiles& files) {
     stopRequest().sleepFor(lookInterval);
     const bool atRest = files.isAtRest();
@@ -168,7 +168,7 @@ void Tail::tellMissingRights() {
         events_.noRights();
 }
 
-// --- What comes
+// --- New entries
 
 void Tail::follow() {
     while (!output_.isOver()) {
@@ -178,8 +178,8 @@ void Tail::follow() {
     }
 }
 
-// Until the stream has fallen silent, or, false, until the daemon has ended it. The stream only
-// tells that something came: after `--clear` its bytes can stand for other entries of the same
+// Returns true when the stream has fallen silent, false when the daemon has ended it. The stream is
+// only a sign that entries came: after `--clear` its bytes can belong to other entries of the same
 // number and length.
 bool Tail::followLive(DaemonLink& link) {
     auto quiet = Clock::now() + silenceInterval;
@@ -201,7 +201,8 @@ bool Tail::followLive(DaemonLink& link) {
     return true;
 }
 
-// Without a daemon nobody writes the files; where it is closed to this user, a flush shows in them.
+// Without a daemon the files do not change. If its socket is closed to this user, a flush changes
+// them.
 void Tail::waitForDaemon() {
     wait(-1, Clock::now() + retryInterval);
     if (!output_.isOver() && !(logFileState() == looked_))
@@ -209,7 +210,7 @@ void Tail::waitForDaemon() {
 }
 
 // Waits for the descriptor (-1: none), but not longer than until `end`. Writes the cursor file when
-// that is due, and notes when the output's reader has gone.
+// that is due, and notes when the output's reader has left.
 bool Tail::wait(int descriptor, Clock::time_point end) {
     pollfd watched[3] = {
         {descriptor, POLLIN, 0}, {stopRequest().descriptor(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
@@ -237,7 +238,7 @@ bool Tail::save() {
     const std::size_t untaken = output_.untaken();
     const std::uint64_t count = history_.added() - untaken;
     if (!history_.isEmpty() && untaken >= history_.marks().size())
-        return true; // nobody has any of those that are remembered: the last file still holds
+        return true; // the reader has none of the remembered entries: the last file is still right
     output_.sync();
     const int before = saveError_;
     saveError_ = cursorFile_.save(history_, untaken) ? 0 : errno;

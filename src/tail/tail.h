@@ -31,7 +31,7 @@ public:
     Tail(const Options& options, const Events& events);
 
     /// Prints all that there is, and with `follow` all that comes until a stop is requested. False
-    /// when the output or the cursor file failed, which is told. Throws std::system_error when a
+    /// when the output or the cursor file failed, which it reports. Throws std::system_error when a
     /// log file cannot be read.
     bool run();
 

@@ -1,5 +1,5 @@
-// Any file, and any bytes over a few records and their headers: what is shown is in the image, each
-// byte once, and does a terminal no harm.
+// Any file, and any bytes over a few records and their headers. The output comes from the image,
+// each byte once, and does a terminal no harm.
 #include <algorithm>
 #include <cstdlib>
 #include <fuzzer/FuzzedDataProvider.h>

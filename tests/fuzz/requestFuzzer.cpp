@@ -1,4 +1,4 @@
-// Any bytes as a request line: without an error each word behind the first is an option, once.
+// Any bytes as a request line: without an error each word after the first is an option, once.
 #include <cstring>
 #include <gtest/gtest.h>
 

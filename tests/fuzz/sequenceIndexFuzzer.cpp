@@ -1,4 +1,4 @@
-// The sequence index over any file content, against a look through the whole text.
+// The sequence index over any file content, compared with a scan of the whole text.
 #include <algorithm>
 #include <cstdlib>
 #include <fuzzer/FuzzedDataProvider.h>

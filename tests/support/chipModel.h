@@ -12,7 +12,7 @@ using namespace qwk::framLayout;
 using framEmulator::Transfer;
 using framEmulator::TransferKind;
 
-/// What each operation makes of the chip's bytes and of the log, told which of its transfers
+/// The effect of each operation on the chip's bytes and on the log, given the transfers that
 /// failed.
 class ChipModel {
 public:
@@ -27,7 +27,7 @@ public:
         wasReset_ = wasReset;
         loss_ = nullptr;
     }
-    // To be asked when the operation was modelled.
+    // Call it after modelling the operation.
     bool agrees() const { return !isOther_ && done_ == transfers_.size() && image == actual_; }
 
     void load() {
@@ -84,8 +84,8 @@ public:
     }
     // The entries that a start without faults would find, up to the first that is not readable.
     Lines stored() const { return started().recent; }
-    // Why entries may be missing, also after a start, that are not in the log file either. Nothing
-    // is lost while the chip's bytes are as they were.
+    // The reason why entries may be in neither the chip nor the log file, also after a start. Null
+    // while no loss is possible, such as when the chip's bytes are as they were.
     const char* loss() const {
         const char* later = started().loss_;
         return later != nullptr ? later : hasChanged() ? loss_ : nullptr;
@@ -225,7 +225,7 @@ private:
     framEmulator::Image before_{}, actual_{};
     const char* loss_ = nullptr;
     bool faultless_ = false;
-    std::array<std::uint8_t, headerSize> newest_{}; // what copy 0 last said when it was whole
+    std::array<std::uint8_t, headerSize> newest_{}; // copy 0 when it was last whole
 };
 
 } // namespace testSupport

@@ -1,6 +1,5 @@
-// What a program linked with this file has in the place of a bus device, and without diagnostics.
-// The calls of the statically linked code, the product's among it, come here by the linker's option
-// --wrap.
+// Replaces the bus device, and the diagnostics, of a program that is linked with this file. The
+// linker's option --wrap directs the calls of the statically linked code here, the product's too.
 
 #include "support/directChip.h"
 

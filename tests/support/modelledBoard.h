@@ -15,9 +15,9 @@ enum Ending : unsigned { newValue, oldValue, randomBits, warmReset, endings };
 /// until a fault that the model knows costs entries.
 class ModelledBoard : public BoardOver<DirectDevice> {
 protected:
-    /// What there is to know of a board that has power.
+    /// The whole state of a board that has power.
     struct Moment {
-        ChipModel model;                ///< also of what the log file and the process hold
+        ChipModel model;                ///< also of the log file and the process
         std::vector<std::string> given; ///< the last text that got each number
         std::uint32_t promised = 0;     ///< so many of them must not be lost
         bool isTrusted = true;
@@ -71,7 +71,7 @@ protected:
         restart();
     }
 
-    /// One operation, with the load before it where there is one to do.
+    /// One operation, after a load if the process has not loaded its entries yet.
     void work(Work kind, const std::string& message = {}) {
         sink.nextId = model.nextInFile();
         const std::uint64_t time = 1700000000000000 + now.messages;
