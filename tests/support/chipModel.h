@@ -58,8 +58,12 @@ public:
         Entry entry;
         decodeEntry(record, entry);
         appendedText = entry.message;
-        return write(header->end, record, length) &&
-               writeHeaders({header->end + length, header->count + 1, header->nextId + 1});
+        const bool isWritten =
+            write(header->end, record, length) &&
+            writeHeaders({header->end + length, header->count + 1, header->nextId + 1});
+        if (!isWritten && repairFailed_ && !started().readHeaders())
+            lose("repair and new header both written in part by an append");
+        return isWritten;
     }
     // False when no header could be read.
     bool flush() {
@@ -180,6 +184,7 @@ private:
     }
     std::optional<Header> readHeaders() {
         const std::optional<Header> copies[] = {readHeader(0), readHeader(1)};
+        repairFailed_ = false;
         if (!copies[0] && !copies[1])
             return std::nullopt;
         if (!copies[0]) {
@@ -187,7 +192,7 @@ private:
                 lose("older state in copy 1");
             writeHeader(0, *copies[1]);
         } else if (!copies[1]) {
-            writeHeader(1, *copies[0]);
+            repairFailed_ = !writeHeader(1, *copies[0]);
         }
         return copies[0] ? copies[0] : copies[1];
     }
@@ -222,6 +227,7 @@ private:
     bool isCut_ = false;    // by the end of the power
     bool isOther_ = false;  // one was another than it must be, or missing
     bool wasReset_ = false;
+    bool repairFailed_ = false; // that of copy 1, in the last reading of the headers
     framEmulator::Image before_{}, actual_{};
     const char* loss_ = nullptr;
     bool faultless_ = false;
