@@ -234,21 +234,27 @@ void compareSingles(bool isKernel, int count) {
     add("`journalctl -f` at the same time", without.journalctl, "", "");
 }
 
-Burst medianOfBursts(bool hasWakeUps) {
-    Trial trial(false, hasWakeUps);
-    std::vector<double> inChip, onWire, processorTime;
-    for (int i = 0; i < bursts; ++i) {
-        const Burst burst = trial.burst();
+struct Bursts {
+    void add(const Burst& burst) {
         inChip.push_back(burst.inChip);
         onWire.push_back(burst.onWire);
         processorTime.push_back(burst.processorTime);
     }
-    return {percentile(inChip, 50), percentile(onWire, 50), percentile(processorTime, 50)};
-}
+    Burst median() const {
+        return {percentile(inChip, 50), percentile(onWire, 50), percentile(processorTime, 50)};
+    }
+
+    std::vector<double> inChip, onWire, processorTime;
+};
 
 void compareBursts() {
-    const Burst with = medianOfBursts(true);
-    const Burst without = medianOfBursts(false);
+    Bursts burstsWith, burstsWithout;
+    for (int i = 0; i < bursts; ++i) {
+        burstsWith.add(Trial(false, true).burst());
+        burstsWithout.add(Trial(false, false).burst());
+    }
+    const Burst with = burstsWith.median();
+    const Burst without = burstsWithout.median();
     const auto add = [](const std::string& name, const Burst& burst, const std::string& target) {
         row({name, number(burst.inChip, 0) + " ms", number(burst.onWire, 0) + " ms",
              number(burst.processorTime, 1) + " us", target});

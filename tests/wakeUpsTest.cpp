@@ -90,6 +90,22 @@ TEST_F(WakeUpsTest, rotationVacuumBurstsAndAMissingChipLoseAndRepeatNothing) {
     EXPECT_EQ(daemon->end(), 0);
 }
 
+// The daemon skips these entries so quickly that each of its looks, one in a millisecond, finds
+// some.
+TEST_F(WakeUpsTest, theQueueStaysEmptyInSteadyTrafficAfterAFlood) {
+    const auto daemon = startWithWakeUps(forwarding);
+    logInBatches(1);
+    for (int i = 0; i < 100; ++i)
+        forge("x");
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4000; ++i) {
+        journald.log(6, "test", "skipped");
+        std::this_thread::sleep_until(start + i * 250us);
+    }
+    journald.sync();
+    EXPECT_EQ(run("/bin/journalctl", {"-q", "--grep=missed"}).output, "");
+}
+
 TEST_F(WakeUpsTest, aHostileSenderNeitherAddsNorDelaysNorLeavesAnything) {
     const auto daemon = startWithWakeUps(forwarding);
     const std::string descriptors = "/proc/" + std::to_string(daemon->pid()) + "/fd";

@@ -38,6 +38,7 @@ constexpr std::chrono::milliseconds longestRest = 80ms;
 // After so much work without a wait the main thread hands the reading over. journald drops hints,
 // and reports it, when the queue holds fewer messages than arrive in this time.
 constexpr std::chrono::milliseconds longBusy = 10ms;
+constexpr std::chrono::milliseconds readInterval = longBusy / 2;
 constexpr std::chrono::nanoseconds atOnce = 1ns;
 constexpr std::chrono::nanoseconds never = 0ns;
 
@@ -49,6 +50,7 @@ constexpr std::size_t firstSource = 3;
 
 // Stands for an unknown number of entries: more than come before the journal is quiet again.
 constexpr std::uint64_t untilQuiet = 1U << 20U;
+constexpr std::chrono::milliseconds quietTime = 60ms;
 
 bool makeNonBlocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
@@ -150,26 +152,49 @@ void WakeUps::startThread() {
     if (thread_.joinable())
         return;
     report(LOG_WARNING, "Failed to watch wake-up descriptors: %s", failure.c_str());
+    for (Source& source : sources_)
+        abandon(source);
     sources_.clear();
+}
+
+void WakeUps::abandon(Source& source) {
+    // The service manager keeps the socket open, and its queue must not fill up.
+    if (source.isDatagramSocket)
+        closeGate(source.descriptor);
+    source.descriptor.reset();
 }
 
 bool WakeUps::wait(int journal, int stop) {
     waited_[journalAt].fd = journal;
     waited_[stopAt].fd = stop;
-    const bool reads = beginWait();
-    const bool isPausing = awaited_ > 0;
-    std::size_t count = hintsAt;
-    // A sender that never stops causes two looks in a millisecond at most.
-    if (thread_.joinable() && !(isPausing && pause_ == firstPause))
-        count = reads ? waited_.size() : firstSource;
-    if (count > firstSource)
-        prepareToPoll(&waited_[firstSource]);
+    const bool hasChanges =
+        thread_.joinable() ? waitForHints() : poll(waited_.data(), hintsAt, -1) != 0;
+    // libsystemd may have many files to look through now. Without traffic the queue has time.
+    if (hasChanges && awaited_ > 0)
+        beginWork();
+    return hasChanges;
+}
+
+bool WakeUps::waitForHints() {
+    // The entries that were read before the first wait had no hints that were counted.
+    if (!std::exchange(hasWaited_, true))
+        early_ = 0;
+    // The shortest pause is no wait in which hints are read: a sender that never stops causes two
+    // looks in a millisecond at most, and if such looks go on and on, the thread takes over.
+    if (awaited_ > 0 && pause_ == firstPause) {
+        const int ready = poll(waited_.data(), hintsAt, timeout());
+        if (ready == 0)
+            lookedInVain();
+        return ready != 0;
+    }
+    const std::size_t count = beginWait() ? waited_.size() : firstSource;
+    prepareToPoll(&waited_[firstSource]);
     const int ready = poll(waited_.data(), count, timeout());
     bool isFlood = false;
     const std::uint64_t hints = ready > 0 ? takeHints(count, isFlood) : 0;
     if (hints > 0)
         expect(hints);
-    else if (ready == 0 && isPausing)
+    else if (ready == 0 && awaited_ > 0)
         lookedInVain();
     early_ = 0;
     endWait(isFlood);
@@ -177,7 +202,7 @@ bool WakeUps::wait(int journal, int stop) {
 }
 
 int WakeUps::timeout() const {
-    // Some entries came before their hints were read. Those hints are there by now: read them
+    // Some entries came before their hints were read. Those hints are in the queue: read them
     // first, for they announce nothing more.
     if (early_ > 0)
         return 0;
@@ -212,10 +237,30 @@ void WakeUps::endWait(bool isFlood) {
 }
 
 void WakeUps::beginWork() {
-    // Setting the timer in every wait would cost much of the time of an entry. Once for all entries
-    // between two waits is enough.
-    if (reads_ && !isReliefComing_)
+    if (!reads_)
+        return;
+    // A burst keeps the main thread from waiting. It costs less to read the hints in between than
+    // to let the thread wake up for each of them.
+    if (isReliefComing_ && Clock::now() - workBegan_ >= readInterval)
+        readBetweenEntries();
+    // Setting the timer for every entry of a burst, or in every wait, would cost much of their
+    // time.
+    if (reads_ && !isReliefComing_) {
         setRelief(longBusy);
+        workBegan_ = Clock::now();
+    }
+}
+
+void WakeUps::readBetweenEntries() {
+    bool isFlood = false;
+    if (beginWait()) {
+        prepareToPoll(&waited_[firstSource]);
+        waited_[hintsAt].revents = 0;
+        if (poll(&waited_[firstSource], sources_.size(), 0) > 0)
+            expect(takeHints(waited_.size(), isFlood));
+        early_ = 0;
+    }
+    endWait(isFlood);
 }
 
 void WakeUps::setRelief(std::chrono::nanoseconds time) {
@@ -247,7 +292,7 @@ void WakeUps::lookedInVain() {
     lookedFor_ += pause_;
     pause_ = std::min(2 * pause_, longestWait - lookedFor_);
     // Some hints announce nothing, for example a forged one.
-    if (lookedFor_ == longestWait)
+    if (lookedFor_ == longestWait || (awaited_ > untilQuiet / 2 && lookedFor_ >= quietTime))
         awaited_ = 0;
 }
 
@@ -349,8 +394,8 @@ int WakeUps::drain(Source& source, short events) {
             // Polling it again would return at once, and for ever.
             reportDropped(source.descriptor,
                           length < 0 && errno != EAGAIN ? errorText(errno) : "End of input");
-            source.descriptor.reset();
-            return 0;
+            abandon(source);
+            return hints;
         }
     }
     return floodSize;

@@ -48,6 +48,8 @@ public:
     void beginWork();
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct Source {
         FileDescriptor descriptor; // none after it was dropped
         bool isDatagramSocket; // it may read an empty message; elsewhere 0 is the end of the input
@@ -61,8 +63,6 @@ private:
         void rested();
 
     private:
-        using Clock = std::chrono::steady_clock;
-
         void begin(Clock::time_point now);
 
         Clock::time_point start_;
@@ -72,11 +72,15 @@ private:
 
     void add(FileDescriptor descriptor);
     void startThread();
+    static void abandon(Source& source);
 
     // The main thread's part.
+    /// wait(), when there is a thread.
+    bool waitForHints();
     /// True when the main thread is to read the sources in this wait.
     bool beginWait();
     void endWait(bool isFlood);
+    void readBetweenEntries();
     void setRelief(std::chrono::nanoseconds time);
     /// In milliseconds; -1 for none.
     int timeout() const;
@@ -103,7 +107,7 @@ private:
     /// number of hints.
     int drainReadable(const pollfd* polled);
     /// Reads until nothing is left, or up to the size of a flood. Returns the number of hints.
-    /// `events` are poll()'s. Closes the source, and returns 0, when nothing more can come.
+    /// `events` are poll()'s. Closes the source when nothing more can come.
     int drain(Source& source, short events);
 
     FileDescriptor stop_;   // becomes readable when the thread is to end
@@ -125,8 +129,10 @@ private:
     std::vector<pollfd> polled_;
 
     // The main thread's.
+    bool hasWaited_ = false;
     bool reads_ = false;          // unless the thread has taken over since the last wait
     bool isReliefComing_ = false; // relief_ runs, or has expired
+    Clock::time_point workBegan_; // or the hints were read last, while it runs
     /// Polled by it: the journal, the stop, hints_, then the sources in their order.
     std::vector<pollfd> waited_;
     std::uint64_t awaited_ = 0;              // announced entries that have not come
