@@ -176,11 +176,12 @@ bool WakeUps::wait(int journal, int stop) {
 }
 
 bool WakeUps::waitForHints() {
-    // The entries that were read before the first wait had no hints that were counted.
+    // Hints of entries that were read before the first wait were not counted.
     if (!std::exchange(hasWaited_, true))
         early_ = 0;
-    // The shortest pause is no wait in which hints are read: a sender that never stops causes two
-    // looks in a millisecond at most, and if such looks go on and on, the thread takes over.
+    // No hints are read in the shortest pause, so a sender that never stops causes at most two
+    // looks in a millisecond. If such looks go on and on, beginWork() reads, or the thread takes
+    // over.
     if (awaited_ > 0 && pause_ == firstPause) {
         const int ready = poll(waited_.data(), hintsAt, timeout());
         if (ready == 0)
@@ -210,8 +211,6 @@ int WakeUps::timeout() const {
 }
 
 bool WakeUps::beginWait() {
-    if (!thread_.joinable())
-        return false;
     {
         const Held<Mutex> held(mutex_);
         mainWaits_ = true;
@@ -224,8 +223,6 @@ bool WakeUps::beginWait() {
 }
 
 void WakeUps::endWait(bool isFlood) {
-    if (!thread_.joinable())
-        return;
     {
         const Held<Mutex> held(mutex_);
         mainWaits_ = false;
