@@ -176,7 +176,7 @@ bool WakeUps::wait(int journal, int stop) {
 }
 
 bool WakeUps::waitForHints() {
-    // Hints of entries that were read before the first wait were not counted.
+    // Most entries that were read before the first wait are older than all hints.
     if (!std::exchange(hasWaited_, true))
         early_ = 0;
     // No hints are read in the shortest pause, so a sender that never stops causes at most two
@@ -188,8 +188,11 @@ bool WakeUps::waitForHints() {
             lookedInVain();
         return ready != 0;
     }
-    const std::size_t count = beginWait() ? waited_.size() : firstSource;
-    prepareToPoll(&waited_[firstSource]);
+    std::size_t count = firstSource;
+    if (beginWait()) {
+        prepareToPoll(&waited_[firstSource]);
+        count = waited_.size();
+    }
     const int ready = poll(waited_.data(), count, timeout());
     bool isFlood = false;
     const std::uint64_t hints = ready > 0 ? takeHints(count, isFlood) : 0;
